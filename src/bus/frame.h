@@ -1,0 +1,75 @@
+#ifndef TALP_BUS_FRAME_H_
+#define TALP_BUS_FRAME_H_
+
+#include <array>
+#include <cstddef>
+#include <string>
+
+#include "core/byte_list.h"
+
+// The card bus wire: a frame is one length byte and that many payload bytes, the same in both
+// directions. Pure rules: nothing here reads, writes or waits. Any thread.
+
+constexpr std::size_t kMaxPayloadSize = 255;  // what one length byte can promise
+constexpr std::size_t kMaxReplySize = 131;    // the longest reply payload that is accepted
+
+// Command bytes, the first payload byte of a request.
+constexpr char kDiscoveryCommand = '0';
+constexpr char kHandshakeCommand = '@';
+constexpr char kSetOutputsCommand = 0x10;
+constexpr char kPollCommand = 0x20;
+constexpr char kDirectCommand = 0x50;
+
+// Reply codes, the first payload byte of a reply.
+constexpr char kDiscoveryAnswer = '1';
+constexpr char kInputAnswer = '!';
+constexpr char kDirectAnswer = 'Q';
+
+BYTE_LIST DiscoveryRequest();
+BYTE_LIST HandshakeRequest();
+
+// The version in a good handshake reply: the four characters behind the code byte, fewer when the
+// reply is shorter or holds a zero byte.
+std::string HandshakeVersion(const BYTE_LIST& reply);
+
+// Replies made up here when the bus gives none. The first one classifies as a good reply, on
+// purpose: a frame without content asks for nothing and breaks nothing.
+BYTE_LIST EmptyRequestReply();
+BYTE_LIST TimeoutReply();
+
+// A request as it goes on the wire, in one write(2).
+struct REQUEST_FRAME {
+  std::array<char, 1 + kMaxPayloadSize> bytes;
+  std::size_t size;
+};
+
+// Payloads of more than 255 bytes cannot be framed and are cut.
+REQUEST_FRAME BuildRequestFrame(const BYTE_LIST& request);
+
+// One wait for a reply, counted in read attempts: discovery and handshake get 300000, all other
+// requests 150000. The caller reads without a pause while Waiting() and tells every attempt.
+class REPLY_WAIT {
+ public:
+  explicit REPLY_WAIT(const BYTE_LIST& request);
+
+  bool Waiting() const { return waiting_ && attempts_ < budget_; }
+
+  // Takes the result of one read attempt: `count` bytes, or 0 or less when nothing came.
+  void Attempt(const char* bytes, long count);
+
+  // The reply's payload. The timeout reply if the reply is incomplete, promises more than
+  // kMaxReplySize bytes, or was completed only by the last attempt of the budget: that edge is
+  // intended.
+  BYTE_LIST Reply() const;
+
+ private:
+  bool Complete() const;
+
+  const int budget_;
+  int attempts_ = 0;
+  bool waiting_ = true;
+  std::size_t received_ = 0;
+  std::array<char, 1 + kMaxReplySize> buffer_{};  // length byte first
+};
+
+#endif  // TALP_BUS_FRAME_H_
