@@ -1,0 +1,53 @@
+#ifndef TALP_CORE_CONFIG_H_
+#define TALP_CORE_CONFIG_H_
+
+#include <string>
+
+#include "core/speed.h"
+#include "thread/shared.h"
+
+// The connection state of an interface, kept in its descriptor.
+enum InterfaceState : int {
+  Idle = 0,       // never listened
+  Listening = 1,  // the next cycle waits for a client
+  Accepting = 2,  // blocked in accept
+  Connected = 3,  // a client is served; the master sends only in this state
+  Closed = 4      // both sockets are closed; listening again is pending
+};
+
+// Ports up to here are refused.
+constexpr int kHighestRefusedPort = 1024;
+
+// The settings of one listening interface.
+struct INTERFACE_DESCRIPTOR {
+  std::string name;  // "CAE", "IO" or "MON"
+  int port = 0;
+  SHARED<int> state = Idle;  // InterfaceState
+  std::string outSeparator = "\r\n";
+  std::string inpSeparator = "\r\n";
+  SHARED<int> delay = kDefaultDelay;  // microseconds
+};
+
+constexpr char kNoConfigError[] = "NONE";
+constexpr char kConfigLoadError[] = "Unable to load config, or unable to parse XML file!";
+
+// The whole configuration.
+struct CONFIG_DESCRIPTOR {
+  INTERFACE_DESCRIPTOR io;
+  INTERFACE_DESCRIPTOR cae;
+  INTERFACE_DESCRIPTOR mon;
+  INTERFACE_DESCRIPTOR fourth;  // never filled and never used
+  std::string logFile;
+  int logLevel = 0;
+  std::string errorText = kNoConfigError;  // any other text stops the start-up
+  int threadDelay = kDefaultDelay;         // microseconds
+  bool pollEnable = false;
+  bool autoDiscover = false;
+};
+
+// Reads the XML document at `path`. Never throws: a document that cannot be loaded gives all
+// defaults and kConfigLoadError; a refused port gives its own error text, with the values read so
+// far. Any thread.
+CONFIG_DESCRIPTOR ReadConfigFile(const char* path);
+
+#endif  // TALP_CORE_CONFIG_H_

@@ -1,0 +1,16 @@
+#include "core/sleepsec.h"
+
+#include <stdio.h>
+#include <unistd.h>
+
+#include <string>
+
+void sleepsec(int seconds) {
+  const std::string command = "sleep " + std::to_string(seconds);
+  FILE* const shell = popen(command.c_str(), "re");
+  if (shell != nullptr) {
+    pclose(shell);
+  } else if (seconds > 0) {
+    sleep(static_cast<unsigned>(seconds));
+  }
+}

@@ -1,0 +1,41 @@
+#ifndef TALP_THREAD_MUTEX_H_
+#define TALP_THREAD_MUTEX_H_
+
+#include <pthread.h>
+
+#include <atomic>
+
+// A mutex that knows its owner. A nested Lock by the owner is a no-op without a count, so that one
+// Unlock releases however many Locks; an Unlock by anybody else is a no-op. Any thread; code must
+// not rely on nesting.
+class CMutexClass {
+ public:
+  CMutexClass();
+  ~CMutexClass();
+  CMutexClass(const CMutexClass&) = delete;
+  CMutexClass& operator=(const CMutexClass&) = delete;
+
+  void Lock();
+  void Unlock();
+
+  const bool created;
+
+ private:
+  pthread_mutex_t mutex_;
+  // Read without the mutex; only the owner itself can find its own id here.
+  std::atomic<pthread_t> owner_{0};
+};
+
+// Holds a CMutexClass for a scope.
+class MUTEX_GUARD {
+ public:
+  explicit MUTEX_GUARD(CMutexClass* mutex) : mutex_(mutex) { mutex_->Lock(); }
+  ~MUTEX_GUARD() { mutex_->Unlock(); }
+  MUTEX_GUARD(const MUTEX_GUARD&) = delete;
+  MUTEX_GUARD& operator=(const MUTEX_GUARD&) = delete;
+
+ private:
+  CMutexClass* const mutex_;
+};
+
+#endif  // TALP_THREAD_MUTEX_H_

@@ -1,0 +1,12 @@
+#ifndef TALP_THREAD_SLEEP_H_
+#define TALP_THREAD_SLEEP_H_
+
+// Pauses the calling thread for `hundredNanoseconds` times 100 ns. The unit is deliberate: 50000
+// is 5 ms.
+void Sleep(unsigned hundredNanoseconds);
+
+// Pauses the calling thread for `microseconds`. A delay of 0 or less is no pause: speeds above
+// 100 % give negative delays, which usleep(3) would take for more than an hour.
+void PauseMicroseconds(int microseconds);
+
+#endif  // TALP_THREAD_SLEEP_H_
