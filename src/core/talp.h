@@ -1,0 +1,70 @@
+#ifndef TALP_CORE_TALP_H_
+#define TALP_CORE_TALP_H_
+
+#include <memory>
+#include <string>
+
+#include "bus/serial_interface.h"
+#include "bus/tlqueue.h"
+#include "core/config.h"
+#include "core/logger.h"
+#include "master/card_table.h"
+#include "net/socket_interface.h"
+#include "thread/shared.h"
+
+class CAE_CONSOLE;
+
+// The main object: owns all others, brings them up and routes traffic between them. All operations
+// belong to the main thread.
+class TALP {
+ public:
+  // `signalFlag` holds -1 or the number of the last signal, and must outlive the object.
+  TALP(const LOGGER& logger, SHARED<int>* signalFlag);
+
+  // Ends all tasks. The daemon itself leaves by exit(3) with this object alive, and does without.
+  ~TALP();
+
+  // Reads the configuration and logs the start. False, with a log line, if it carries an error.
+  bool InitProgramData();
+
+  // Creates and starts the listening interfaces and the serial link. One that cannot listen does
+  // not keep the others from it.
+  void InitInterfaces();
+
+  // The master loop. Returns after SIGINT or SIGTERM.
+  void MasterThread();
+
+  // Turns a message of the IO client into requests for the cards. What is illegal in it is told
+  // to the console. Always 1.
+  int ParseOutCommand(const BYTE_LIST& message);
+
+ private:
+  CONFIG_DESCRIPTOR ReadConfig();
+  void LogStart(const char* parameter, const std::string& value);
+  std::unique_ptr<SOCKET_INTERFACE> StartInterface(const INTERFACE_DESCRIPTOR& descriptor,
+                                                   TLQUEUE* inputQueue);
+  bool StopSignalled();
+  void ForwardCardInput();
+  void HandleIoMessage();
+  void CloseIoClient();
+  void HandleCaeLine(CAE_CONSOLE* console);
+  void ExecuteIoCommand(const std::string& command);
+  void ReportOnConsole(const std::string& error, const std::string& command);
+
+  // The interfaces come last, so that they end before what they use.
+  LOGGER logger_;
+  CONFIG_DESCRIPTOR config_;
+  TLQUEUE ioInput_;
+  TLQUEUE caeInput_;
+  TLQUEUE monInput_;  // nobody reads what a monitor sends
+  TLQUEUE cardInput_;
+  SHARED<int>* const signalFlag_;
+  SHARED<int> masterDelay_ = kDefaultDelay;  // microseconds
+  CARD_TABLE cards_;
+  std::unique_ptr<SERIAL_INTERFACE> serial_;
+  std::unique_ptr<SOCKET_INTERFACE> mon_;
+  std::unique_ptr<SOCKET_INTERFACE> io_;
+  std::unique_ptr<SOCKET_INTERFACE> cae_;
+};
+
+#endif  // TALP_CORE_TALP_H_
