@@ -1,0 +1,357 @@
+#include "check/config_check.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <pugixml.hpp>
+
+#include "core/byte_list.h"
+
+namespace check {
+
+namespace {
+
+constexpr long kHighestPort = 65535;
+constexpr long kHighestWrittenLevel = 1;  // all lines of the daemon are of this level
+constexpr long kLowestPercent = 1;
+constexpr long kHighestPercent = 100;
+constexpr std::size_t kMaxEntries = 4;
+
+// In place of an element name in the rules: the entries below Interfaces, whose names are free.
+constexpr char kEntry[] = "*";
+
+// Each takes a value and returns what is wrong with it, or an empty text.
+using COMPLAINT = std::string (*)(const std::string& value);
+
+std::string NoComplaint(const std::string&) { return {}; }
+
+std::string NumberComplaint(const std::string& value) {
+  char* end = nullptr;
+  static_cast<void>(std::strtol(value.c_str(), &end, 10));
+  if (!value.empty() && *end == '\0') return {};
+  return "is no whole number and read as " + std::to_string(ATOL(value));
+}
+
+std::string LoglevelComplaint(const std::string& value) {
+  if (ATOL(value) <= kHighestWrittenLevel) return {};
+  return "keeps every line out of the log; write 1";
+}
+
+std::string PercentComplaint(const std::string& value) {
+  const long percent = ATOL(value);
+  if (percent >= kLowestPercent && percent <= kHighestPercent) return {};
+  return "is not in 1 to 100, where 1 is the slowest and 100 the fastest";
+}
+
+std::string SwitchComplaint(const std::string& value) {
+  const std::array<const char*, 6> known = {"True", "true", "TRUE", "False", "false", "FALSE"};
+  if (std::find(known.begin(), known.end(), value) != known.end()) return {};
+  return "counts as False; write True or False";
+}
+
+std::string NameComplaint(const std::string& value) {
+  if (value == "CAE" || value == "IO" || value == "MON") return {};
+  return "is none of CAE, IO and MON, so that this interface is never built";
+}
+
+std::string EmptyComplaint(const std::string& value) {
+  if (!value.empty()) return {};
+  return "ends no line: every piece received counts as one whole line; write \\r\\n";
+}
+
+std::string HighPortComplaint(const std::string& value) {
+  if (ATOL(value) <= kHighestPort) return {};
+  return "is above 65535, and the daemon would listen elsewhere; choose one of 1025 to 65535";
+}
+
+bool May(const std::string& path, int mode) {
+  return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0;
+}
+
+std::string UserName() {
+  const passwd* const user = getpwuid(geteuid());
+  return "user " + (user == nullptr ? std::to_string(geteuid()) : std::string(user->pw_name));
+}
+
+std::string LogFileComplaint(const std::string& value) {
+  if (value.empty()) return {};  // found as the lack of a log
+  if (value.front() != '/') return "depends on where the daemon is started; name it from the root";
+  const std::string directory = value.substr(0, value.rfind('/') + 1);
+  if (value == directory || !May(directory, F_OK))
+    return "is a directory, or in one that is missing";
+  if (May(value, F_OK) ? May(value, W_OK) : May(directory, W_OK | X_OK)) return {};
+  return "cannot be written by " + UserName() +
+         ", and talp then runs without a log; give it to that user or name another file";
+}
+
+struct ATTRIBUTE_RULE {
+  const char* element;
+  const char* attribute;
+  Severity severity;
+  COMPLAINT complaint;
+};
+
+// All attributes that the daemon reads; those with more than one rule stand in several rows.
+const ATTRIBUTE_RULE kAttributeRules[] = {
+    {"Debuglog", "File", Warning, LogFileComplaint},
+    {"Debuglog", "Loglevel", Warning, NumberComplaint},
+    {"Debuglog", "Loglevel", Warning, LoglevelComplaint},
+    {"Speed", "Percent", Warning, NumberComplaint},
+    {"Speed", "Percent", Warning, PercentComplaint},
+    {"InitPollState", "Action", Warning, SwitchComplaint},
+    {"AutoDiscover", "Action", Warning, SwitchComplaint},
+    {kEntry, "Name", Warning, NameComplaint},
+    {kEntry, "InpSeparator", Warning, EmptyComplaint},
+    {kEntry, "OutSeparator", Warning, NoComplaint},
+    {kEntry, "Port", Warning, NumberComplaint},
+    {kEntry, "Port", Error, HighPortComplaint},
+};
+
+const std::array<const char*, 5> kElements = {"Debuglog", "Speed", "InitPollState", "AutoDiscover",
+                                              "Interfaces"};
+
+std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+// One walk of a document, beside the daemon's own reading of the same file.
+class CONFIG_WALK {
+ public:
+  explicit CONFIG_WALK(const std::string& path)
+      : path_(path), config_(ReadConfigFile(path.c_str())) {}
+
+  FINDINGS Run();
+
+ private:
+  bool Load();
+  void WalkRoot(const pugi::xml_node& root);
+  void WalkElement(const pugi::xml_node& element);
+  void WalkEntries(const pugi::xml_node& interfaces);
+  void WalkEntry(const pugi::xml_node& entry, std::size_t index);
+  void WalkAttributes(const pugi::xml_node& element, const char* ruleName);
+  bool ApplyRules(const pugi::xml_node& element, const char* ruleName,
+                  const pugi::xml_attribute& attribute);
+  void LookForText(const pugi::xml_node& element);
+  void LookForElements(const pugi::xml_node& element);
+  void JudgeResult();
+  void JudgePort(const NAMED_INTERFACE& named);
+  void JudgeSharedPorts();
+  void Conclude();
+
+  bool Seen(const std::string& thing);
+  std::string PlaceAt(std::ptrdiff_t offset) const;
+  void Add(Severity severity, const pugi::xml_node& node, const std::string& text);
+  void Add(Severity severity, const std::string& text);
+
+  const std::string path_;
+  const CONFIG_DESCRIPTOR config_;
+  std::string text_;
+  pugi::xml_document document_;
+  std::vector<std::string> seen_;  // the element and interface names met so far
+  FINDINGS findings_;
+};
+
+FINDINGS CONFIG_WALK::Run() {
+  if (!Load()) return findings_;
+  const pugi::xml_node root = document_.child("TALPConfig");
+  if (!root) {
+    Add(Error, "there is no root element TALPConfig, so that nothing in this file is read");
+    return findings_;
+  }
+  WalkRoot(root);
+  if (config_.errorText == kNoConfigError) {
+    JudgeResult();
+  } else {
+    Add(Error, "talp does not start: " + config_.errorText +
+                   "; give every interface a Port of 1025 to 65535");
+  }
+  Conclude();
+  return findings_;
+}
+
+bool CONFIG_WALK::Load() {
+  text_ = ReadFile(path_);
+  const pugi::xml_parse_result result = document_.load_buffer(text_.data(), text_.size());
+  if (result && config_.errorText != kConfigLoadError) return true;
+  if (access(path_.c_str(), R_OK) != 0) {
+    Add(Error, "talp does not start: this file is missing or not readable by " + UserName());
+  } else {
+    findings_.push_back(
+        {Error, PlaceAt(result.offset),
+         std::string("talp does not start: this is no well-formed XML: ") + result.description()});
+  }
+  return false;
+}
+
+void CONFIG_WALK::WalkRoot(const pugi::xml_node& root) {
+  WalkAttributes(root, root.name());
+  LookForText(root);
+  for (const pugi::xml_node& element : root.children()) {
+    if (element.type() == pugi::node_element) WalkElement(element);
+  }
+}
+
+void CONFIG_WALK::WalkElement(const pugi::xml_node& element) {
+  const std::string name = element.name();
+  if (std::find(kElements.begin(), kElements.end(), name) == kElements.end()) {
+    Add(Warning, element, "the element " + name + " is not known and has no effect");
+    return;
+  }
+  if (name == "Speed" && Seen("Interfaces")) {
+    Add(Warning, element,
+        "Speed stands after Interfaces and does not reach them; move it before Interfaces");
+  }
+  if (Seen(name)) {
+    Add(Warning, element, "a second " + name + "; its values replace those of the first");
+  }
+  seen_.push_back(name);
+  WalkAttributes(element, element.name());
+  LookForText(element);
+  if (name == "Interfaces") {
+    WalkEntries(element);
+  } else {
+    LookForElements(element);
+  }
+}
+
+void CONFIG_WALK::WalkEntries(const pugi::xml_node& interfaces) {
+  std::size_t index = 0;
+  for (const pugi::xml_node& entry : interfaces.children()) {
+    if (entry.type() == pugi::node_element) WalkEntry(entry, index++);
+  }
+}
+
+void CONFIG_WALK::WalkEntry(const pugi::xml_node& entry, std::size_t index) {
+  const std::string name = entry.attribute("Name").value();
+  if (index >= kMaxEntries) {
+    Add(Warning, entry, "the interface " + Quoted(name) + " is ignored: only four are read");
+    return;
+  }
+  if (!entry.attribute("Name")) {
+    Add(Warning, entry, "this interface has no Name and is never built; write CAE, IO or MON");
+  } else if (Seen("interface " + name)) {
+    Add(Warning, entry, "a second interface " + Quoted(name) + " replaces the first; keep one");
+  }
+  seen_.push_back("interface " + name);
+  WalkAttributes(entry, kEntry);
+  LookForText(entry);
+  LookForElements(entry);
+}
+
+void CONFIG_WALK::WalkAttributes(const pugi::xml_node& element, const char* ruleName) {
+  for (const pugi::xml_attribute& attribute : element.attributes()) {
+    if (ApplyRules(element, ruleName, attribute)) continue;
+    Add(Warning, element,
+        std::string("the attribute ") + attribute.name() + " of " + element.name() +
+            " is not known and has no effect");
+  }
+}
+
+// False if there is no rule for the attribute.
+bool CONFIG_WALK::ApplyRules(const pugi::xml_node& element, const char* ruleName,
+                             const pugi::xml_attribute& attribute) {
+  bool known = false;
+  const std::string value = attribute.value();
+  for (const ATTRIBUTE_RULE& rule : kAttributeRules) {
+    if (std::string(rule.element) != ruleName) continue;
+    if (std::string(rule.attribute) != attribute.name()) continue;
+    known = true;
+    const std::string complaint = rule.complaint(value);
+    if (complaint.empty()) continue;
+    Add(rule.severity, element,
+        std::string(element.name()) + " " + rule.attribute + " " + Quoted(value) + " " + complaint);
+  }
+  return known;
+}
+
+void CONFIG_WALK::LookForText(const pugi::xml_node& element) {
+  if (*element.child_value() == '\0') return;
+  Add(Warning, element,
+      std::string("the text inside ") + element.name() + " is not read: values are attributes");
+}
+
+void CONFIG_WALK::LookForElements(const pugi::xml_node& element) {
+  for (const pugi::xml_node& child : element.children()) {
+    if (child.type() != pugi::node_element) continue;
+    Add(Warning, child,
+        std::string("the element ") + child.name() + " inside " + element.name() + " is not read");
+  }
+}
+
+void CONFIG_WALK::JudgeResult() {
+  for (const NAMED_INTERFACE& named : InterfacesOf(config_)) JudgePort(named);
+  JudgeSharedPorts();
+  if (config_.logFile.empty()) Add(Warning, "there is no log: Debuglog names no File");
+}
+
+// Without a port the daemon listens all the same, on one that the system chooses.
+void CONFIG_WALK::JudgePort(const NAMED_INTERFACE& named) {
+  const std::string name = named.name;
+  if (named.interface->port != 0) return;
+  if (named.interface->name.empty()) {
+    Add(Error, "the interface " + name + " is missing; add <Interface Name=\"" + name +
+                   "\" Port=\"...\"/> to Interfaces");
+  } else {
+    Add(Error, "the interface " + name + " has no Port; choose one of 1025 to 65535");
+  }
+}
+
+void CONFIG_WALK::JudgeSharedPorts() {
+  const auto interfaces = InterfacesOf(config_);
+  for (auto first = interfaces.begin(); first != interfaces.end(); ++first) {
+    for (auto second = std::next(first); second != interfaces.end(); ++second) {
+      if (first->interface->port == 0 || first->interface->port != second->interface->port)
+        continue;
+      Add(Error, std::string("the interfaces ") + first->name + " and " + second->name +
+                     " have one Port, " + std::to_string(first->interface->port) +
+                     ", and only one of them can listen there; give each its own");
+    }
+  }
+}
+
+void CONFIG_WALK::Conclude() {
+  if (!findings_.empty()) return;
+  std::string ports;
+  for (const NAMED_INTERFACE& named : InterfacesOf(config_)) {
+    ports += std::string(named.name) + " on port " + std::to_string(named.interface->port) + ", ";
+  }
+  Add(Fine, ports + "log in " + config_.logFile);
+}
+
+bool CONFIG_WALK::Seen(const std::string& thing) {
+  return std::find(seen_.begin(), seen_.end(), thing) != seen_.end();
+}
+
+std::string CONFIG_WALK::PlaceAt(std::ptrdiff_t offset) const {
+  const auto length =
+      std::min(static_cast<std::size_t>(std::max<std::ptrdiff_t>(offset, 0)), text_.size());
+  const auto end = std::next(text_.begin(), static_cast<std::ptrdiff_t>(length));
+  return path_ + ":" + std::to_string(1 + std::count(text_.begin(), end, '\n'));
+}
+
+void CONFIG_WALK::Add(Severity severity, const pugi::xml_node& node, const std::string& text) {
+  findings_.push_back({severity, PlaceAt(node.offset_debug()), text});
+}
+
+void CONFIG_WALK::Add(Severity severity, const std::string& text) {
+  findings_.push_back({severity, path_, text});
+}
+
+}  // namespace
+
+FINDINGS CheckConfig(const std::string& path) { return CONFIG_WALK(path).Run(); }
+
+std::array<NAMED_INTERFACE, 3> InterfacesOf(const CONFIG_DESCRIPTOR& config) {
+  return {{{"CAE", &config.cae}, {"IO", &config.io}, {"MON", &config.mon}}};
+}
+
+}  // namespace check
