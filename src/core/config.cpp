@@ -60,7 +60,7 @@ class CONFIG_READER {
   std::array<INTERFACE_DESCRIPTOR, kMaxEntries> entries_;
 };
 
-const CONFIG_READER::ELEMENT_RULE CONFIG_READER::kElementRules[] = {
+constexpr CONFIG_READER::ELEMENT_RULE CONFIG_READER::kElementRules[] = {
     {"Debuglog", "File", [](const char* value, CONFIG_DESCRIPTOR* c) { c->logFile = value; }},
     {"Debuglog", "Loglevel",
      [](const char* value, CONFIG_DESCRIPTOR* c) { c->logLevel = NumberOf(value); }},

@@ -1,7 +1,7 @@
 #include "core/sleepsec.h"
 
 #include <stdio.h>
-#include <unistd.h>
+#include <time.h>
 
 #include <string>
 
@@ -11,6 +11,7 @@ void sleepsec(int seconds) {
   if (shell != nullptr) {
     pclose(shell);
   } else if (seconds > 0) {
-    sleep(static_cast<unsigned>(seconds));
+    const timespec pause = {seconds, 0};
+    nanosleep(&pause, nullptr);
   }
 }

@@ -11,6 +11,7 @@ constexpr char kConfigFile[] = "/etc/talp/talpconf.xml";
 
 // The one message that cannot go to the log file, whose name stands in what could not be read.
 void ReportLoadError() {
+  // No other thread runs yet. NOLINTNEXTLINE(concurrency-mt-unsafe)
   setlogmask(LOG_UPTO(LOG_NOTICE));
   syslog(LOG_NOTICE,
          "Unable to start by user %d, because unable to load config, or unable to parse XML file!",

@@ -39,7 +39,7 @@ class TALP {
   int ParseOutCommand(const BYTE_LIST& message);
 
  private:
-  CONFIG_DESCRIPTOR ReadConfig();
+  static CONFIG_DESCRIPTOR ReadConfig();
   void LogStart(const char* parameter, const std::string& value);
   std::unique_ptr<SOCKET_INTERFACE> StartInterface(const INTERFACE_DESCRIPTOR& descriptor,
                                                    TLQUEUE* inputQueue);

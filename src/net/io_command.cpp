@@ -98,7 +98,7 @@ IO_REQUEST LcdTextRequest(const std::string& command, int address, PERIFCARD*) {
   std::string data(1, kLcdTextCode);
   data.push_back(ByteAt(command, kColumnAt));
   data.push_back(ByteAt(command, kLineAt));
-  if (command.size() > kTextAt) data.append(command, kTextAt, std::string::npos);
+  if (command.size() > kTextAt) data += command.substr(kTextAt);
   data.push_back('\0');
   return StreamRequest(address, data);
 }

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -40,6 +41,16 @@ int PollEvents(int socket) {
   entry.events = POLLIN | POLLOUT | POLLPRI;
   const timespec timeout = {0, 1000};
   return ppoll(&entry, 1, &timeout, nullptr) < 0 ? -1 : entry.revents;
+}
+
+int AcceptOn(int listener, sockaddr_in* peer) {
+  socklen_t size = sizeof *peer;
+  const int client = accept4(listener, reinterpret_cast<sockaddr*>(peer), &size, SOCK_CLOEXEC);
+  // Or a second short line would wait until the client acknowledges the first, for tens of
+  // milliseconds (TCP_NODELAY in tcp(7)).
+  const int on = 1;
+  if (client >= 0) setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  return client;
 }
 
 }  // namespace
@@ -127,11 +138,6 @@ void SOCKET_INTERFACE::AcceptClient() {
   const std::string banner = BannerOf(descriptor.name);
   if (!banner.empty()) outputQueue.ToQueue(Convert_String2QList(banner));
   descriptor.state = Connected;
-}
-
-int SOCKET_INTERFACE::AcceptOn(int listener, sockaddr_in* peer) {
-  socklen_t size = sizeof *peer;
-  return accept4(listener, reinterpret_cast<sockaddr*>(peer), &size, SOCK_CLOEXEC);
 }
 
 void SOCKET_INTERFACE::ServeClient() {

@@ -45,7 +45,6 @@ class SOCKET_INTERFACE final : public CThread {
 
  private:
   void AcceptClient();
-  int AcceptOn(int listener, struct sockaddr_in* peer);
   void ServeClient();
   bool ClientLeft();
   void Deliver();

@@ -13,7 +13,10 @@ class SHARED {
   SHARED(T value = T()) : value_(value) {}
   SHARED(const SHARED& other) : value_(T(other)) {}
 
-  SHARED& operator=(const SHARED& other) { return *this = T(other); }
+  SHARED& operator=(const SHARED& other) {
+    *this = T(other);
+    return *this;
+  }
   SHARED& operator=(T value) {
     value_.store(value, std::memory_order_release);
     return *this;
