@@ -135,7 +135,7 @@ BYTE_LIST SERIAL_INTERFACE::Comm2HW(const BYTE_LIST& request) {
   }
   char bytes[kReadSize];
   // Stale input is dropped. The result does not matter: the wait below finds out what is wrong.
-  static_cast<void>(read(tty_, bytes, sizeof bytes));
+  [[maybe_unused]] const ssize_t dropped = read(tty_, bytes, sizeof bytes);
   if (request.empty()) return EmptyRequestReply();
   const REQUEST_FRAME frame = BuildRequestFrame(request);
   if (write(tty_, frame.bytes.data(), frame.size) == -1) {
