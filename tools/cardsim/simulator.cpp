@@ -101,8 +101,8 @@ void SIMULATOR::ReadBus() {
 
 void SIMULATOR::TakeFrame(const BYTES& payload) {
   if (switches_.frames) {
-    BYTES frame = {static_cast<unsigned char>(payload.size())};
-    frame.insert(frame.end(), payload.begin(), payload.end());
+    BYTES frame = payload;
+    frame.insert(frame.begin(), static_cast<unsigned char>(payload.size()));
     lines_.push_back("rx " + HexText(frame));
   }
   if (switches_.silent) return;
