@@ -1,0 +1,78 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "support.h"
+
+namespace {
+
+// A file leans on files of lower strata, and of its own without a circle. Lowest first.
+constexpr const char* kStrata[] = {
+    "core/byte_list",
+    "core/speed bus/frame net/client_framing net/io_command master/card_kinds master/perifcard "
+    "master/cae_line master/help_texts",
+    "thread/sleep thread/mutex thread/event thread/cthread thread/shared core/logger core/sleepsec "
+    "bus/tlqueue master/card_table",
+    "core/config",
+    "bus/serial_port bus/serial_interface net/socket_interface master/cae_commands "
+    "master/cae_card_commands",
+    "core/talp core/main master/talp_master net/talp_io",
+};
+
+using GRAPH = std::map<std::string, std::set<std::string>>;
+
+// -1 for a file that is in none.
+int StratumOf(const std::string& file) {
+  int stratum = 0;
+  for (const std::string files : kStrata) {
+    if ((" " + files + " ").find(" " + file + " ") != std::string::npos) return stratum;
+    ++stratum;
+  }
+  return -1;
+}
+
+// The project's own files that `path` includes, without their endings.
+std::set<std::string> IncludesOf(const std::string& path) {
+  static const std::string kInclude = "#include \"";
+  std::set<std::string> names;
+  std::istringstream lines(ReadFile(path));
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find(kInclude) != 0) continue;
+    names.insert(line.substr(kInclude.size(), line.rfind(".h\"") - kInclude.size()));
+  }
+  return names;
+}
+
+bool Reaches(const std::string& from, const std::string& to, const GRAPH& headers, int depth = 0) {
+  const auto found = headers.find(from);
+  if (found == headers.end() || depth > 20) return false;
+  for (const std::string& name : found->second) {
+    if (name == to || Reaches(name, to, headers, depth + 1)) return true;
+  }
+  return false;
+}
+
+TEST(Strata, IncludesPointDownwards) {
+  GRAPH headers;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(TALP_SOURCE_DIR)) {
+    const std::string ending = entry.path().extension();
+    if (ending != ".h" && ending != ".cpp") continue;
+    const std::string file = entry.path().lexically_relative(TALP_SOURCE_DIR).replace_extension("");
+    EXPECT_GE(StratumOf(file), 0) << file;
+    for (const std::string& name : IncludesOf(entry.path())) {
+      EXPECT_GE(StratumOf(name), 0) << file << " includes " << name;
+      EXPECT_LE(StratumOf(name), StratumOf(file)) << file << " includes " << name;
+      if (ending == ".h") headers[file].insert(name);
+    }
+  }
+  EXPECT_FALSE(headers.empty());
+  for (const auto& header : headers) {
+    EXPECT_FALSE(Reaches(header.first, header.first, headers)) << header.first;
+  }
+}
+
+}  // namespace
