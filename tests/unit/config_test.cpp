@@ -31,10 +31,8 @@ TEST(Config, Documents) {
   ExpectCases("config.txt", [&](const std::string& document) {
     return Described(ReadConfigFile(directory.Write("conf.xml", document).c_str()));
   });
-  for (const char* path : {"/", "/nonexistent/conf.xml"}) {
-    EXPECT_EQ("Unable to load config, or unable to parse XML file!",
-              ReadConfigFile(path).errorText);
-  }
+  EXPECT_EQ("Unable to load config, or unable to parse XML file!",
+            ReadConfigFile("/nonexistent/conf.xml").errorText);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <regex>
 #include <string>
-#include <thread>
 
 #include "support.h"
 
@@ -55,26 +54,6 @@ TEST(Logger, LevelsAndFilesThatCannotBeOpened) {
     LoggerTo(path, 0).LOG("INF", "line", 1);
   }
   EXPECT_EQ(descriptors, OpenDescriptors());
-}
-
-TEST(Logger, LinesOfCopiesStayWhole) {
-  const TEMP_DIR directory;
-  LOGGER first = LoggerTo(directory.Path("log"), 1);
-  LOGGER second;
-  second = first;
-  const auto write = [](LOGGER* logger) {
-    for (int i = 0; i < 200; ++i) logger->LOG("INF", std::string(300, 'x'), 1);
-  };
-  std::thread other(write, &second);
-  write(&first);
-  other.join();
-  const std::string content = ReadFile(first.fileName);
-  const std::size_t size = content.find('\n') + 1;
-  ASSERT_EQ(400 * size, content.size());
-  for (std::size_t at = 0; at < content.size(); at += size) {
-    EXPECT_EQ(" [INF] x", content.substr(at + 19, 8));
-    EXPECT_EQ('\n', content[at + size - 1]);
-  }
 }
 
 }  // namespace

@@ -30,19 +30,4 @@ TEST(Mutex, UnlockByAnotherThreadLeavesItLocked) {
   EXPECT_TRUE(entered);
 }
 
-TEST(Mutex, Excludes) {
-  CMutexClass mutex;
-  int count = 0;
-  const auto add = [&] {
-    for (int i = 0; i < 20000; ++i) {
-      MUTEX_GUARD guard(&mutex);
-      ++count;
-    }
-  };
-  std::thread other(add);
-  add();
-  other.join();
-  EXPECT_EQ(40000, count);
-}
-
 }  // namespace

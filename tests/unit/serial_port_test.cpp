@@ -46,12 +46,10 @@ TEST(SerialPort, DevicesInTheOrderOfTheListing) {
   using LIST = std::list<std::string>;
   const std::ptrdiff_t descriptors = OpenDescriptors();
   {
-    const STUBBED_COMMAND listing("ls", "printf 'null\\nttyUSB0\\nttyUSB10\\nttyUSB2\\nttyS0\\n'");
-    EXPECT_EQ((LIST{"/dev/ttyUSB0", "/dev/ttyUSB10", "/dev/ttyUSB2"}), GetUSBDevices());
-  }
-  {
-    const STUBBED_COMMAND listing("ls", "printf 'ttyUSB100\\n'");
-    EXPECT_EQ((LIST{"/dev/ttyUSB10", "/dev/"}), GetUSBDevices());
+    const STUBBED_COMMAND listing("ls",
+                                  "printf '%s\\n' null ttyS0 ttyUSB0 ttyUSB10 ttyUSB100 ttyUSB2");
+    EXPECT_EQ((LIST{"/dev/ttyUSB0", "/dev/ttyUSB10", "/dev/ttyUSB10", "/dev/", "/dev/ttyUSB2"}),
+              GetUSBDevices());
   }
   const STUBBED_COMMAND listing("ls", "exit 1");
   EXPECT_EQ(LIST{}, GetUSBDevices());
