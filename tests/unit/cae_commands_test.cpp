@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <iterator>
-#include <regex>
 #include <string>
 
 #include "support.h"
@@ -112,7 +111,6 @@ TEST(CaeCommands, Texts) {
 // No syntax is checked, so that nothing may fail where an argument is not there. The separator may
 // stand anywhere, but without one only SPEED= is known.
 TEST(CaeCommands, MissingArgumentsAndSeparators) {
-  const std::regex answered("^(\\|1 s[^|]*)?(\\|CI[AE]: [^|]*)?(\\|[A-Z]+\\d?:[^|]*)?\\|>~.*");
   for (const std::string key :
        {"SPEED=", "LCDSELFTEST:", "LCDINITLIGHT:", "REBOOT:", "SETANMASK:", "GETANMASK:",
         "STOREANMASK:", "STORESRVPOS:", "MOVESTRPOS:", "SETSC", "GETSC", "SETMSR", "GETMSR",
@@ -122,7 +120,8 @@ TEST(CaeCommands, MissingArgumentsAndSeparators) {
         BENCH bench;
         bench.SetKinds(kind);
         const std::string told = bench.Run("\r\n" + key + rest);
-        EXPECT_TRUE(std::regex_match(told, answered)) << key << rest << told;
+        EXPECT_NE(std::string::npos, told.find("|CI")) << key << rest << told;
+        EXPECT_EQ(told.find("~|>~"), told.rfind(">~") - 2) << key << rest << told;
         const bool unknown = bench.Run(key + rest) == "|CIE: UNKNOWN COMMAND ~>~";
         EXPECT_EQ(key != "SPEED=", unknown) << key << rest;
       }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <regex>
 #include <string>
 
 #include "support.h"
@@ -17,6 +16,10 @@ LOGGER LoggerTo(const std::string& path, int level) {
   return logger;
 }
 
+bool Matches(const std::string& pattern, const std::string& text) {
+  return testing::Matcher<std::string>(testing::MatchesRegex(pattern)).Matches(text);
+}
+
 TEST(Logger, Lines) {
   const TEMP_DIR directory;
   const std::string path = directory.Path("log");
@@ -25,15 +28,13 @@ TEST(Logger, Lines) {
   const std::string longText(3000, 'x');
   logger.LOG("INF", "talp is started", 1);
   copy.LOG("ERR", longText, 2);
-  const std::string stamp = R"(\d{4}-[01]\d-[0-3]\d [0-2]\d:[0-5]\d:[0-6]\d )";
-  const std::regex lines(stamp + R"(\[INF\] talp is started\n)" + stamp + R"(\[ERR\] (x+)\n)");
-  const std::string content = ReadFile(path);
-  std::smatch match;
-  ASSERT_TRUE(std::regex_match(content, match, lines)) << content;
-  EXPECT_EQ(longText, match[1]);
+  const std::string stamp = "[0-9]{4}-[01][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9] ";
+  EXPECT_TRUE(
+      Matches(stamp + "\\[INF\\] talp is started\n" + stamp + "\\[ERR\\] x+\n", ReadFile(path)));
+  EXPECT_NE(std::string::npos, ReadFile(path).find(longText));
   std::filesystem::remove(path);
   logger.LOG("INF", "again", 1);
-  EXPECT_TRUE(std::regex_match(ReadFile(path), std::regex(stamp + R"(\[INF\] again\n)")));
+  EXPECT_TRUE(Matches(stamp + "\\[INF\\] again\n", ReadFile(path)));
 }
 
 TEST(Logger, LevelsAndFilesThatCannotBeOpened) {
