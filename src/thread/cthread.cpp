@@ -89,7 +89,7 @@ void CThread::RunPasses() {
     if (type == EventDriven) event_.WaitUnless(HasWork, this);
     goOn = KernelProcess();
     if (type == EventDriven) event_.Reset();
-    if (goOn && Type() == IntervalDriven) Sleep(static_cast<unsigned>(IdleTime()));
+    if (goOn && Type() == IntervalDriven) IdleBetweenPasses(static_cast<unsigned>(IdleTime()));
   }
   MUTEX_GUARD guard(&lock_);
   state_ = kThreadDown;

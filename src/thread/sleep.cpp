@@ -5,22 +5,30 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 
 namespace {
 
-// Linux ends a pause up to a timer slack late, by default 50 us (PR_SET_TIMERSLACK in prctl(2)):
-// nothing to a pause of milliseconds, but fifty times one of 1 us. So a pause is never made late
-// by more than its own length. The slack belongs to the thread and stays until a pause of another
-// length comes, so it also counts for the idle time between two passes.
+// Linux ends a pause up to a timer slack late (PR_SET_TIMERSLACK in prctl(2)), by default 50 us:
+// nothing to a pause of milliseconds, but fifty times one of 1 us. A pause shorter than that is
+// allowed its own length, though not less than 10 us: an even shorter sleep is over before the
+// processor gets to anything else, and the loops would take all of it. The slack belongs to the
+// calling thread and is set only when it changes.
 void BoundTimerSlack(int microseconds) {
   constexpr int kDefaultSlack = 50;
+  constexpr int kLeastSlack = 10;
   thread_local int current = kDefaultSlack;
-  const int wanted = std::clamp(microseconds, 1, kDefaultSlack);
+  const int wanted = std::clamp(microseconds, kLeastSlack, kDefaultSlack);
   if (wanted == current) return;
   current = wanted;
-  // 0 restores the default.
-  prctl(PR_SET_TIMERSLACK,
-        wanted == kDefaultSlack ? 0UL : static_cast<unsigned long>(wanted) * 1000);
+  const int nanoseconds = wanted == kDefaultSlack ? 0 : wanted * 1000;  // 0 restores the default
+  prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(nanoseconds));
+}
+
+std::int64_t Nanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * INT64_C(1000000000) + now.tv_nsec;
 }
 
 }  // namespace
@@ -31,6 +39,18 @@ void Sleep(unsigned hundredNanoseconds) {
   pause.tv_sec = static_cast<time_t>(hundredNanoseconds / kPerSecond);
   pause.tv_nsec = static_cast<long>(hundredNanoseconds % kPerSecond) * 100;
   nanosleep(&pause, nullptr);
+}
+
+// A sleep takes tens of microseconds, many of them the processor's, however short it is meant to
+// be. What is shorter than a microsecond is spent looking at the clock.
+void IdleBetweenPasses(unsigned hundredNanoseconds) {
+  constexpr unsigned kShortestSleep = 10;
+  if (hundredNanoseconds >= kShortestSleep) {
+    Sleep(hundredNanoseconds);
+    return;
+  }
+  const std::int64_t end = Nanoseconds() + hundredNanoseconds * 100;
+  while (Nanoseconds() < end) continue;
 }
 
 void PauseMicroseconds(int microseconds) {

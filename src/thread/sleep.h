@@ -5,6 +5,10 @@
 // is 5 ms.
 void Sleep(unsigned hundredNanoseconds);
 
+// The same for a pause between two passes of a loop, which may be too short to put a thread to
+// sleep for.
+void IdleBetweenPasses(unsigned hundredNanoseconds);
+
 // Pauses the calling thread for `microseconds`. A delay of 0 or less is no pause: speeds above
 // 100 % give negative delays, which usleep(3) would take for more than an hour.
 void PauseMicroseconds(int microseconds);
