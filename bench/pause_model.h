@@ -8,11 +8,10 @@
 
 namespace bench {
 
-// How long the two kinds of pauses in the daemon's loops really take, measured here at normal
-// priority: the configured delay and the 100 ns that a task thread idles after each pass.
+// How long pauses really take, measured here at normal priority.
 struct PAUSES {
-  SAMPLES delay;
-  SAMPLES idle;
+  SAMPLES delay;  // the configured one
+  SAMPLES idle;   // the 100 ns of a task thread after each pass, if they were slept
 };
 
 // The delay in microseconds that belongs to a speed in percent.
@@ -22,7 +21,8 @@ int DelayOf(int speed);
 PAUSES MeasurePauses(int delayMicroseconds, long timerSlack, int count);
 
 // The design's own limit: the loops as if all work between their pauses took no time, met at a
-// random moment. The serial task's cycle does hold its exchanges, `cards` times `exchange`.
+// random moment. The idle time counts as what it says; the serial task's cycle holds its
+// exchanges, `cards` times `exchange`.
 class DESIGN {
  public:
   DESIGN(const PAUSES& pauses, int cards, std::int64_t exchange);

@@ -101,7 +101,7 @@ void PrintPauses(const FIGURES& figures) {
   for (const auto& [speed, pauses] : figures.pauses) {
     const TWO delay = Of(pauses.delay);
     const TWO idle = Of(pauses.idle);
-    std::printf("Speed %3d: usleep(%d) %.0f / %.0f, idle time of 0.1 %.0f / %.0f\n", speed,
+    std::printf("Speed %3d: usleep(%d) %.0f / %.0f, a sleep of 0.1 %.0f / %.0f\n", speed,
                 DelayOf(speed), delay.median, delay.p99, idle.median, idle.p99);
   }
   std::printf("\nload average %.2f; the bus and the clients have %s priority\n\n", load[0],
