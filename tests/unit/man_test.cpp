@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -13,10 +12,14 @@ namespace {
 // The commands with their arguments as plain text; in mdoc(7) ".It Ic SPEED= Ns Ar ppp".
 std::set<std::string> ManCommands() {
   std::istringstream page(ReadFile(TALP_MAN_DIR "/talp-cae.7"));
-  const std::regex markup(R"(\.It| Ns| Ic| Ar|\\&| )");
   std::set<std::string> commands;
-  for (std::string line; std::getline(page, line);)
-    if (line.rfind(".It Ic ", 0) == 0) commands.insert(std::regex_replace(line, markup, ""));
+  for (std::string line; std::getline(page, line);) {
+    if (line.rfind(".It Ic ", 0) != 0) continue;
+    for (const char* markup : {".It", " Ns", " Ic", " Ar", "\\&", " "}) {
+      line = Replaced(line, markup, "");
+    }
+    commands.insert(line);
+  }
   return commands;
 }
 
