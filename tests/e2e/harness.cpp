@@ -50,13 +50,8 @@ const std::map<std::string, ENDPOINT> kEndpoints = {
 std::string Printable(const std::string& bytes) {
   std::string text;
   for (const char c : bytes) {
-    if (c == '\r') {
-      text += "\\r";
-    } else if (c == '\n') {
-      text += "\\n\n    ";
-    } else {
-      text += c >= ' ' && c <= '~' ? c : '?';
-    }
+    if (c == '\r') text += "\\r";
+    text += (c >= ' ' && c <= '~') || c == '\n' ? std::string(1, c) : "";
   }
   return text;
 }
@@ -67,33 +62,17 @@ std::string Joined(const LINES& lines, const std::string& end) {
   return text;
 }
 
-sockaddr_in LocalAddress(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  return address;
-}
-
-int TryConnect(const std::string& interface, int receiveBuffer) {
+int Connect(const std::string& interface, int receiveBuffer) {
   const int connection = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (receiveBuffer > 0) {
     setsockopt(connection, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
   }
-  const sockaddr_in address = LocalAddress(kEndpoints.at(interface).port);
-  if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-    return connection;
-  }
-  close(connection);
-  return -1;
-}
-
-int Connect(const std::string& interface, int receiveBuffer) {
-  int connection = -1;
-  Await(
-      interface + " listens",
-      [&] { return (connection = TryConnect(interface, receiveBuffer)) >= 0; },
-      [] { return "refused"; });
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(kEndpoints.at(interface).port);
+  const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+  Check(connect(connection, generic, sizeof address) == 0, interface + " does not listen");
   return connection;
 }
 
@@ -227,18 +206,16 @@ bool LOG::Has(const std::string& text) {
 }
 
 CARD_BUS::PROCESS CARD_BUS::Start(const LINES& options) {
-  int input[2];
-  int output[2];
-  Check(pipe2(input, O_CLOEXEC) == 0 && pipe2(output, O_CLOEXEC) == 0, "no pipe");
+  int ends[2];
+  Check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "no socket pair");
   const pid_t pid = fork();
   if (pid == 0) {
-    dup2(input[0], STDIN_FILENO);
-    dup2(output[1], STDOUT_FILENO);
+    dup2(ends[1], STDIN_FILENO);
+    dup2(ends[1], STDOUT_FILENO);
     Execute(CARDSIM_PROGRAM, options);
   }
-  close(input[0]);
-  close(output[1]);
-  return {pid, input[1], output[0]};
+  close(ends[1]);
+  return {pid, ends[0]};
 }
 
 CARD_BUS::CARD_BUS(const LINES& options) : CARD_BUS(Start(options)) {
@@ -247,14 +224,13 @@ CARD_BUS::CARD_BUS(const LINES& options) : CARD_BUS(Start(options)) {
 }
 
 CARD_BUS::CARD_BUS(const PROCESS& process)
-    : SOURCE("card bus", process.output), pid_(process.pid), input_(process.input) {}
+    : SOURCE("card bus", process.second), pid_(process.first) {}
 
 CARD_BUS::~CARD_BUS() {
   int status = -1;
   kill(pid_, SIGTERM);
   waitpid(pid_, &status, 0);
   EXPECT_EQ(status, 0) << "of the simulated card bus";
-  close(input_);
 }
 
 bool CARD_BUS::PullLines() {
@@ -265,7 +241,8 @@ bool CARD_BUS::PullLines() {
 
 void CARD_BUS::Type(const std::string& commands) {
   const std::string text = commands + "\nsync\n";
-  Check(write(input_, text.data(), text.size()) == static_cast<ssize_t>(text.size()), "bus ended");
+  Check(write(descriptor_, text.data(), text.size()) == static_cast<ssize_t>(text.size()),
+        "bus ended");
   const auto done = [this] {
     PullLines();
     const auto sync = std::find(lines_.begin(), lines_.end(), "sync");
@@ -410,9 +387,8 @@ pid_t STAGE::Start(const CONFIG& config, PACE pace) {
 
 void STAGE::ExpectEnd(pid_t pid, int status) {
   int actual = -1;
-  Await(
-      "end of process", [&] { return waitpid(pid, &actual, WNOHANG) > 0; },
-      [] { return "it runs"; });
+  const auto ended = [&] { return waitpid(pid, &actual, WNOHANG) > 0; };
+  Await("end of process", ended, [] { return "it runs"; });
   daemons_.remove(pid);
   Check(actual == status, "process ended with wait status " + std::to_string(actual));
 }
@@ -431,7 +407,7 @@ void STAGE::StopAll() {
 
 CARD_BUS* STAGE::AddBus(const LINES& options) { return &buses_.emplace_back(options); }
 
-void Play(void (*scenario)(STAGE& stage)) {
+void Play(const std::function<void(STAGE& stage)>& scenario) {
   // What is written below belongs to the sandbox, and only there.
   ASSERT_EQ(access("/.etc", F_OK), 0) << "to be run by talp-sandbox";
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {

@@ -7,6 +7,7 @@
 #include <list>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace e2e {
@@ -93,17 +94,12 @@ class CARD_BUS : public SOURCE {
   void ExpectLine(const std::string& line);
 
  private:
-  struct PROCESS {
-    pid_t pid;
-    int input;
-    int output;
-  };
+  using PROCESS = std::pair<pid_t, int>;  // its id, and its standard input and output
   static PROCESS Start(const LINES& options);
   explicit CARD_BUS(const PROCESS& process);
   bool PullLines();
 
   const pid_t pid_;
-  const int input_;
   LINES lines_;
 };
 
@@ -180,7 +176,7 @@ void WriteConfig(const CONFIG& config);
 
 // Plays a scenario. One in which a reply of the bus came too late although no fault was ordered,
 // as on a busy machine, is played again from the start, three times at most.
-void Play(void (*scenario)(STAGE& stage));
+void Play(const std::function<void(STAGE& stage)>& scenario);
 
 }  // namespace e2e
 
