@@ -60,7 +60,7 @@ bool CThread::Start() {
   MUTEX_GUARD guard(&lock_);
   stopRequested_ = false;
   if (running_ || (created_ && !ended_)) return true;
-  if (created_) pthread_join(thread_, nullptr);
+  Join();
   errorFlags_ &= ~static_cast<std::uint32_t>(kErrorThreadCreation);
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
@@ -123,7 +123,7 @@ bool CThread::RunPendingItems() {
   bool goOn = true;
   while (goOn && !Empty()) {
     Pop();
-    goOn = OnTask(currentItem_);
+    goOn = OnTask(CurrentItem());
   }
   MUTEX_GUARD guard(&lock_);
   currentItem_ = nullptr;
@@ -133,6 +133,11 @@ bool CThread::RunPendingItems() {
 ThreadType_t CThread::Type() {
   MUTEX_GUARD guard(&lock_);
   return threadType_;
+}
+
+void* CThread::CurrentItem() {
+  MUTEX_GUARD guard(&lock_);
+  return currentItem_;
 }
 
 std::int32_t CThread::IdleTime() {
@@ -146,7 +151,7 @@ void CThread::Stop() {
   running_ = false;
   stopRequested_ = true;
   const bool interval = threadType_ == IntervalDriven;
-  // An interval-driven thread takes no event to wake it; asking all the same leaves its mark.
+  // An interval-driven thread needs no event to wake it, and gets the fault that one leaves.
   if (interval && alive) SetFault(kErrorIllegalEvent);
   const bool byItself = alive && threadId_ == pthread_self();
   lock_.Unlock();
@@ -238,7 +243,7 @@ std::uint32_t CThread::ErrorFlags() {
 }
 
 bool CThread::PingThread(long timeout) {
-  for (long elapsed = 0; timeout <= 0 || elapsed <= timeout;) {
+  for (std::int64_t elapsed = 0; timeout <= 0 || elapsed <= timeout;) {
     if (Running()) return true;
     const std::int32_t idle = IdleTime();
     elapsed += std::max(idle, 1);

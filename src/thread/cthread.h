@@ -64,7 +64,8 @@ class CThread {
   // One pass without a pending item. Returning false ends the thread.
   virtual bool OnTask();
 
-  // Starts the thread unless it runs already. False if it cannot be created.
+  // Starts the thread unless it runs already. False if it cannot be created. Not while a Stop is
+  // under way.
   bool Start();
 
   // Ends the thread after its current pass and waits for that; called by the thread itself, only
@@ -77,14 +78,15 @@ class CThread {
   bool Event(void* item);
   bool Event(CTask* task);
 
-  // The store of work items: at most 99, last in, first out. Pop needs an item to be pending; a
-  // null item is accepted and not stored.
+  // The store of work items: at most 99, last in, first out. Pop needs an item to be pending and
+  // is for the thread itself; a null item is accepted and not stored.
   bool Push(void* item);
   bool Pop();
   bool Empty();
   std::uint32_t GetEventsPending();
 
-  // `idle` is in units of 100 ns.
+  // `idle` is in units of 100 ns; less than 0 counts as 0. To change the type is also an event:
+  // not from within a pass of the same event-driven thread.
   void SetThreadType(ThreadType_t type, long idle);
   void SetIdle(long idle);
 
@@ -112,10 +114,11 @@ class CThread {
   bool KernelProcess();
   bool RunPendingItems();
   void SetState(int state);
-  void SetFault(THREAD_ERROR error);  // the caller holds the lock
+  void SetFault(THREAD_ERROR error);  // under the lock, where the thread exists
   bool AcceptsEvents();
   bool Running();
   ThreadType_t Type();
+  void* CurrentItem();
   std::int32_t IdleTime();
   pthread_t ThreadId();
   void Join();

@@ -11,6 +11,7 @@ CEventClass::~CEventClass() {
 
 void CEventClass::Set() {
   pthread_mutex_lock(&mutex_);
+  ++sets_;
   pthread_mutex_unlock(&mutex_);
   pthread_cond_signal(&condition_);
 }
@@ -21,7 +22,9 @@ bool CEventClass::Wait() {
 
 bool CEventClass::WaitUnless(bool (*ready)(void* context), void* context) {
   pthread_mutex_lock(&mutex_);
-  if (!ready(context)) pthread_cond_wait(&condition_, &mutex_);
+  for (const unsigned seen = sets_; seen == sets_ && !ready(context);) {
+    pthread_cond_wait(&condition_, &mutex_);
+  }
   return true;
 }
 

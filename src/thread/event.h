@@ -4,7 +4,7 @@
 #include <pthread.h>
 
 // A condition variable with its mutex. It keeps no signalled state: a Set while nobody waits is
-// lost, so a waiter passes what else it waits for to WaitUnless.
+// lost, so a waiter passes what else it waits for to WaitUnless. Only a Set ends a wait.
 class CEventClass {
  public:
   CEventClass();
@@ -31,6 +31,7 @@ class CEventClass {
  private:
   pthread_cond_t condition_;
   pthread_mutex_t mutex_;
+  unsigned sets_ = 0;  // told apart from a wake-up without a cause, which POSIX allows
 };
 
 #endif  // TALP_THREAD_EVENT_H_

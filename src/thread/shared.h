@@ -3,10 +3,10 @@
 
 #include <atomic>
 
-// A scalar that one thread writes while others read it, without a lock: connection states, delays,
-// switches, the signal flag. Reads like a plain value and, unlike std::atomic, can be copied, so
-// that the records that hold it stay plain records. A store publishes what was written before it.
-// Any thread, and signal handlers where T is an int.
+// A scalar that one thread at a time writes while others read it, without a lock: connection
+// states, delays, switches, the signal flag. Reads like a plain value and, unlike std::atomic, can
+// be copied, so that the records that hold it stay plain records. A store publishes what was
+// written before it. Any thread, and signal handlers where T is an int.
 template <typename T>
 class SHARED {
  public:
@@ -25,6 +25,8 @@ class SHARED {
   operator T() const { return value_.load(std::memory_order_acquire); }
 
  private:
+  static_assert(std::atomic<T>::is_always_lock_free);
+
   std::atomic<T> value_;
 };
 

@@ -1,5 +1,6 @@
 #include "thread/sleep.h"
 
+#include <sched.h>
 #include <sys/prctl.h>
 #include <time.h>
 #include <unistd.h>
@@ -55,5 +56,9 @@ void IdleBetweenPasses(unsigned hundredNanoseconds) {
 
 void PauseMicroseconds(int microseconds) {
   BoundTimerSlack(microseconds);
-  if (microseconds > 0) usleep(static_cast<useconds_t>(microseconds));
+  if (microseconds > 0) {
+    usleep(static_cast<useconds_t>(microseconds));
+  } else {
+    sched_yield();  // a loop without a pause must not keep the processor from the bus's own driver
+  }
 }

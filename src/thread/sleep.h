@@ -9,8 +9,8 @@ void Sleep(unsigned hundredNanoseconds);
 // sleep for.
 void IdleBetweenPasses(unsigned hundredNanoseconds);
 
-// Pauses the calling thread for `microseconds`. A delay of 0 or less is no pause: speeds above
-// 100 % give negative delays, which usleep(3) would take for more than an hour.
+// Pauses the calling thread for `microseconds`. A delay of 0 or less is no pause, only a yield:
+// speeds above 100 % give negative delays, which usleep(3) would take for more than an hour.
 void PauseMicroseconds(int microseconds);
 
 #endif  // TALP_THREAD_SLEEP_H_
