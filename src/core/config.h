@@ -10,9 +10,9 @@
 enum InterfaceState : int {
   Idle = 0,       // never listened
   Listening = 1,  // the next cycle waits for a client
-  Accepting = 2,  // blocked in accept
+  Accepting = 2,  // waiting for a client
   Connected = 3,  // a client is served; the master sends only in this state
-  Closed = 4      // both sockets are closed; listening again is pending
+  Closed = 4      // both sockets are closed or about to be; listening again is pending
 };
 
 // Ports up to here are refused.

@@ -3,21 +3,24 @@
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
+#include <optional>
 
 #include "bus/frame.h"
 
 namespace {
 
-// The longest request payload that the cards take for an output command. An IR stream or LCD text
-// that makes a longer one is illegal.
+// The longest payload of an output command: an IR stream of 34 bytes, an LCD text of 31. What makes
+// a longer one is illegal.
 constexpr std::size_t kMaxOutputPayload = 38;
 
 constexpr char kLcdTextCode = 0x09;
 
 // Positions of the fields in a command.
+constexpr std::size_t kStartAt = 0;
 constexpr std::size_t kAddressAt = 1;
 constexpr std::size_t kFormAt = 2;
 constexpr std::size_t kBlockAt = 3;
+constexpr std::size_t kBlockMarkAt = 4;
 constexpr std::size_t kBlockDataAt = 5;
 constexpr std::size_t kStreamAt = 3;
 constexpr std::size_t kIrBytesAt = 5;
@@ -103,37 +106,36 @@ IO_REQUEST LcdTextRequest(const std::string& command, int address, PERIFCARD*) {
   return StreamRequest(address, data);
 }
 
-bool IsStream(const std::string& command, char form) {
-  return CharIs(command, 0, 'a') && CharIs(command, kFormAt, form);
+bool HasForm(const std::string& command, char form) {
+  return CharIs(command, kStartAt, 'a') && CharIs(command, kFormAt, form);
 }
 
 bool IsBlock(const std::string& command) {
-  return IsStream(command, 'b') && CharIs(command, 4, 'd');
+  return HasForm(command, 'b') && CharIs(command, kBlockMarkAt, 'd');
 }
 
-bool IsIr(const std::string& command) { return IsStream(command, 's') && Contains(command, "HS"); }
+bool IsIr(const std::string& command) { return HasForm(command, 's') && Contains(command, "HS"); }
 
 bool IsLcdControl(const std::string& command) {
-  return IsStream(command, 'l') && !Contains(command, "PAp");
+  return HasForm(command, 'l') && !Contains(command, "PAp");
 }
 
 bool IsLcdText(const std::string& command) {
-  return IsStream(command, 'l') && Contains(command, "PAp");
+  return HasForm(command, 'l') && Contains(command, "PAp");
 }
 
 struct IO_FORM {
   bool (*matches)(const std::string& command);
-  bool anyKind;
-  KIND_CODE kind;  // where not any kind will do
+  std::optional<KIND_CODE> kind;  // none: every kind will do
   IO_REQUEST (*build)(const std::string& command, int address, PERIFCARD* card);
 };
 
 // The first form that fits decides.
 constexpr IO_FORM kForms[] = {
-    {IsBlock, true, kKindEmpty, BlockRequest},
-    {IsIr, false, kKindIrRemote, IrRequest},
-    {IsLcdControl, false, kKindLcd, LcdControlRequest},
-    {IsLcdText, false, kKindLcd, LcdTextRequest},
+    {IsBlock, std::nullopt, BlockRequest},
+    {IsIr, kKindIrRemote, IrRequest},
+    {IsLcdControl, kKindLcd, LcdControlRequest},
+    {IsLcdText, kKindLcd, LcdTextRequest},
 };
 
 }  // namespace
@@ -156,7 +158,7 @@ IO_REQUEST ParseIoCommand(const std::string& command, PERIFCARD* cards) {
   PERIFCARD* const card = &cards[address];
   for (const IO_FORM& form : kForms) {
     if (!form.matches(command)) continue;
-    if (!form.anyKind && card->kindCode != form.kind) break;
+    if (form.kind && card->kindCode != *form.kind) break;
     return form.build(command, address, card);
   }
   return {false, address, {}};

@@ -43,13 +43,30 @@ int PollEvents(int socket) {
   return ppoll(&entry, 1, &timeout, nullptr) < 0 ? -1 : entry.revents;
 }
 
+struct SOCKET_OPTION {
+  int level;
+  int name;
+  int value;
+};
+
+// Of a client's socket (tcp(7)). Without TCP_NODELAY a second short line would wait until the
+// client acknowledges the first, for tens of milliseconds. The keepalive finds out, within two
+// minutes, that a client has gone without a word (its power failed, its cable was pulled), and
+// frees its place.
+constexpr SOCKET_OPTION kClientOptions[] = {
+    {IPPROTO_TCP, TCP_NODELAY, 1},    {SOL_SOCKET, SO_KEEPALIVE, 1},
+    {IPPROTO_TCP, TCP_KEEPIDLE, 60},   // seconds
+    {IPPROTO_TCP, TCP_KEEPINTVL, 20},  // seconds
+    {IPPROTO_TCP, TCP_KEEPCNT, 3},
+};
+
 int AcceptOn(int listener, sockaddr_in* peer) {
   socklen_t size = sizeof *peer;
   const int client = accept4(listener, reinterpret_cast<sockaddr*>(peer), &size, SOCK_CLOEXEC);
-  // Or a second short line would wait until the client acknowledges the first, for tens of
-  // milliseconds (TCP_NODELAY in tcp(7)).
-  const int on = 1;
-  if (client >= 0) setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  if (client < 0) return client;
+  for (const SOCKET_OPTION& option : kClientOptions) {
+    setsockopt(client, option.level, option.name, &option.value, sizeof option.value);
+  }
   return client;
 }
 
@@ -80,7 +97,9 @@ bool SOCKET_INTERFACE::Init() {
   const int listener = OpenListener();
   if (listener < 0) return false;
   const std::string port = " on port " + ITOA(descriptor.port);
-  if (listen(listener, kBacklog) != 0) {
+  // Port 0 is that of an interface that is not configured. The system would choose one, and the
+  // console would be open where nobody looks for it.
+  if (descriptor.port == 0 || listen(listener, kBacklog) != 0) {
     logger_.LOG(kError, descriptor.name + " interface listening error" + port, kLogLevel);
     close(listener);
     return false;
@@ -125,23 +144,25 @@ bool SOCKET_INTERFACE::OnTask() {
 
 void SOCKET_INTERFACE::AcceptClient() {
   logger_.LOG(kInfo, descriptor.name + " interface is waiting for incoming connection", kLogLevel);
-  descriptor.state = Accepting;
+  if (!Advance(Listening, Accepting)) return;
   sleepsec(kAcceptPause);
   sockaddr_in peer{};
   const int client = AcceptOn(listener_, &peer);
-  if (client < 0) LogInterface(kError, "socket accept error on ");
-  // A failed accept goes the same way: the next read fails, and the interface opens anew.
   KeepClient(client);
+  // A close by command has ended the wait, and has been logged as such.
+  if (descriptor.state == Closed) return;
+  // A failed accept goes the same way: the next read fails, and the interface opens anew.
+  if (client < 0) LogInterface(kError, "socket accept error on ");
   logger_.LOG(kInfo,
               "client is connected on " + descriptor.name + " interface from " + PeerText(peer),
               kLogLevel);
   const std::string banner = BannerOf(descriptor.name);
   if (!banner.empty()) outputQueue.ToQueue(Convert_String2QList(banner));
-  descriptor.state = Connected;
+  Advance(Accepting, Connected);
 }
 
 void SOCKET_INTERFACE::ServeClient() {
-  const bool left = ClientLeft();
+  const bool left = !ReceiveFromClient();
   if (outputQueue.IsEmpty()) return;
   // What is queued after a close by command is for the next client. Asked in this order: whoever
   // queues it has closed first.
@@ -149,28 +170,28 @@ void SOCKET_INTERFACE::ServeClient() {
   Deliver();
 }
 
-// Reads once if there is something to read. True if the client was found gone.
-bool SOCKET_INTERFACE::ClientLeft() {
+// Reads once if there is something to read. False if the client was found gone.
+bool SOCKET_INTERFACE::ReceiveFromClient() {
   // Without a client, after a failed accept, the read is to fail at once.
   const int events = client_ < 0 ? POLLIN : PollEvents(client_);
   if (events < 0) {
     LogInterface(kError, "socket select error on ");
-    return false;
+    return true;
   }
-  if ((events & (POLLIN | POLLHUP | POLLERR)) == 0) return false;
+  if ((events & (POLLIN | POLLHUP | POLLERR)) == 0) return true;
   char bytes[kReadSize];
   const ssize_t count = read(client_, bytes, sizeof bytes);
   if (count > 0) {
     inputQueue_->ToQueue(DecodeInbound(framingMode_, bytes, static_cast<std::size_t>(count)));
-    return false;
+    return true;
   }
   // A close by command also ends the reading, and has been logged as such.
-  if (descriptor.state == Closed) return false;
+  if (descriptor.state == Closed) return true;
   LogInterface(kInfo, "connection is closed by client on ");
   CloseSockets();
   reopenCounter_ = 0;
   descriptor.state = Closed;
-  return true;
+  return false;
 }
 
 // Blocks while the client does not read. A message that cannot be written is lost, without a
@@ -196,16 +217,27 @@ void SOCKET_INTERFACE::Park() {
 }
 
 void SOCKET_INTERFACE::CloseByCommand() {
-  // The counter first: the task counts from the moment that the state says closed.
-  reopenCounter_ = 0;
-  descriptor.state = Closed;
+  {
+    MUTEX_GUARD guard(&socketLock_);
+    // The counter first: the task counts from the moment that the state says closed.
+    reopenCounter_ = 0;
+    descriptor.state = Closed;
+    ShutDownSockets();
+  }
+  // The client's end must not wait for a slow disk.
   LogInterface(kInfo, "connection is closed by command on ");
-  MUTEX_GUARD guard(&socketLock_);
-  ShutDownSockets();
 }
 
 void SOCKET_INTERFACE::mf_SIGhandler(int signal) {
   logger_.LOG(kInfo, "signal " + ITOA(signal) + " on " + descriptor.name + " interface", kLogLevel);
+}
+
+// False if a close by command has come in between; its state stands.
+bool SOCKET_INTERFACE::Advance(InterfaceState from, InterfaceState to) {
+  MUTEX_GUARD guard(&socketLock_);
+  if (descriptor.state != from) return false;
+  descriptor.state = to;
+  return true;
 }
 
 void SOCKET_INTERFACE::KeepListener(int listener) {

@@ -46,7 +46,8 @@ class SOCKET_INTERFACE final : public CThread {
  private:
   void AcceptClient();
   void ServeClient();
-  bool ClientLeft();
+  bool ReceiveFromClient();
+  bool Advance(InterfaceState from, InterfaceState to);
   void Deliver();
   void Reopen();
   void Park();
@@ -62,9 +63,9 @@ class SOCKET_INTERFACE final : public CThread {
   const int framingMode_;
   SHARED<int> reopenCounter_ = 0;  // cycles in the closed state since the last close
 
-  // Both sockets are opened and closed by this task only. Other threads shut them down, which wakes
+  // While the task runs, it alone closes the sockets. Other threads shut them down, which wakes
   // whatever the task is blocked in; the lock keeps a number from being closed, and from becoming
-  // somebody else's, in the meantime.
+  // somebody else's, in the meantime. The state is changed under it where both sides may.
   CMutexClass socketLock_;
   int listener_ = -1;
   int client_ = -1;

@@ -75,6 +75,7 @@ bool May(const std::string& path, int mode) {
 }
 
 std::string UserName() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread
   const passwd* const user = getpwuid(geteuid());
   return "user " + (user == nullptr ? std::to_string(geteuid()) : std::string(user->pw_name));
 }
@@ -293,7 +294,7 @@ void CONFIG_WALK::JudgeResult() {
   if (config_.logFile.empty()) Add(Warning, "there is no log: Debuglog names no File");
 }
 
-// Without a port the daemon listens all the same, on one that the system chooses.
+// Without a port the daemon starts all the same, and the interface does not listen.
 void CONFIG_WALK::JudgePort(const NAMED_INTERFACE& named) {
   const std::string name = named.name;
   if (named.interface->port != 0) return;
