@@ -5,7 +5,7 @@
 namespace {
 
 constexpr int kAttempts = 150000;
-constexpr int kLongAttempts = 300000;  // discovery and handshake ask all cards at once
+constexpr int kLongAttempts = 300000;  // discovery and handshake get twice the time, on purpose
 
 int AttemptBudget(const BYTE_LIST& request) {
   if (request.empty()) return kAttempts;

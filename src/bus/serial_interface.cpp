@@ -98,6 +98,7 @@ bool SERIAL_INTERFACE::InitFirstAnsweringDevice() {
 
 bool SERIAL_INTERFACE::TryOpenDevice() {
   linkState_ = kTrying;
+  closeRequested_ = false;  // it was for a tty that is gone
   const bool answered = SetSerialParams() && HardwareCheck(device_);
   linkState_ = answered ? kLinked : kDisconnected;
   if (!answered) CloseTty();

@@ -3,7 +3,6 @@
 
 #include <array>
 #include <cstddef>
-#include <memory>
 #include <string>
 
 #include "bus/tlqueue.h"

@@ -36,8 +36,8 @@ std::list<std::string> GetUSBDevices() {
   std::list<std::string> devices;
   FILE* const listing = popen("ls /dev | grep ttyUSB", "re");
   if (listing == nullptr) return devices;
-  // Room for ttyUSB99 and its line end: a longer name is split into two wrong ones, which the
-  // opening then refuses. This limit is kept.
+  // Room for ttyUSB99 and its line end: a longer name is split into two wrong ones. This
+  // limit is kept.
   char piece[10];
   while (fgets(piece, sizeof piece, listing) != nullptr) {
     std::string device = std::string("/dev/") + piece;

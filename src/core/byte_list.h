@@ -1,7 +1,6 @@
 #ifndef TALP_CORE_BYTE_LIST_H_
 #define TALP_CORE_BYTE_LIST_H_
 
-#include <cstddef>
 #include <list>
 #include <string>
 

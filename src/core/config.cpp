@@ -32,7 +32,7 @@ std::string Unescaped(std::string text) {
   return text;
 }
 
-// One reading of a document. Every handler returns false to stop the reading at once, with the
+// One reading of a document. The operations that return false stop the reading at once, with the
 // error text set.
 class CONFIG_READER {
  public:
@@ -56,7 +56,7 @@ class CONFIG_READER {
   void Store(const INTERFACE_DESCRIPTOR& interface);
 
   CONFIG_DESCRIPTOR config_;
-  // By place among the entries; a second `Interfaces` element goes on where the first one ended.
+  // By place among the entries. They keep their values from one `Interfaces` element to the next.
   std::array<INTERFACE_DESCRIPTOR, kMaxEntries> entries_;
 };
 

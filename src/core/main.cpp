@@ -10,7 +10,6 @@
 namespace {
 
 constexpr char kPidFile[] = "/var/run/talp/talp.pid";
-constexpr int kNoSignal = -1;
 
 // For the handler; never freed, since the tasks run until the process is gone.
 SHARED<int>* pSignalFlag = nullptr;

@@ -22,16 +22,9 @@ void ReportLoadError() {
 }  // namespace
 
 TALP::TALP(const LOGGER& logger, SHARED<int>* signalFlag)
-    : logger_(logger), signalFlag_(signalFlag) {
-  for (PERIFCARD& card : cards_.cards) card.clearPerifCard();
-}
+    : logger_(logger), signalFlag_(signalFlag) {}
 
-TALP::~TALP() {
-  cae_.reset();
-  io_.reset();
-  mon_.reset();
-  serial_.reset();
-}
+TALP::~TALP() = default;
 
 CONFIG_DESCRIPTOR TALP::ReadConfig() {
   CONFIG_DESCRIPTOR config = ReadConfigFile(kConfigFile);

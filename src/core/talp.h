@@ -14,11 +14,13 @@
 
 class CAE_CONSOLE;
 
+constexpr int kNoSignal = -1;  // what the signal flag holds until a signal comes
+
 // The main object: owns all others, brings them up and routes traffic between them. All operations
 // belong to the main thread.
 class TALP {
  public:
-  // `signalFlag` holds -1 or the number of the last signal, and must outlive the object.
+  // `signalFlag` holds kNoSignal or the number of the last signal, and must outlive the object.
   TALP(const LOGGER& logger, SHARED<int>* signalFlag);
 
   // Ends all tasks. The daemon itself leaves by exit(3) with this object alive, and does without.
@@ -51,7 +53,7 @@ class TALP {
   void ExecuteIoCommand(const std::string& command);
   void ReportOnConsole(const std::string& error, const std::string& command);
 
-  // The interfaces come last, so that they end before what they use.
+  // The tasks come last, and so end first: CAE, IO, MON and the serial link, then what they use.
   LOGGER logger_;
   CONFIG_DESCRIPTOR config_;
   TLQUEUE ioInput_;

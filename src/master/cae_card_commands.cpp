@@ -38,9 +38,9 @@ struct PAYLOAD_BYTE {
 
 // A payload starts with the direct command, the address and `access`. In success lines stand for
 //   {x} the address as typed       {a} the address in hexadecimal
-//   {s} the state as shown         {v} the value after '=', 0x%.2X
+//   {s} the state as shown         {v} the value after '=', two hexadecimal digits
 //   {p} the character before {c}   {c} the character before ':', as typed
-//   {n} the same as a number       {r} the value in the card's answer, 0x%.2X
+//   {n} the same as a number       {r} the value in the card's answer, likewise
 struct CARD_COMMAND {
   const char* key;
   std::optional<KIND_CODE> kind;  // none: every kind will do
@@ -90,9 +90,11 @@ constexpr CARD_COMMAND kCardCommands[] = {
 };
 // clang-format on
 
-std::string Hex(const char* format, unsigned value) {
-  char text[8];
-  std::snprintf(text, sizeof text, format, value);
+static_assert(std::size(kCardCommands) <= kMaxCardCommands);
+
+std::string Hex(int digits, unsigned value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%.*X", digits, value);
   return text;
 }
 
@@ -152,11 +154,11 @@ std::string Placeholder(char name, const ARGUMENTS& arguments, unsigned char ans
     case 'x':
       return arguments.address;
     case 'a':
-      return Hex("%X", DigitOf(arguments.address));
+      return Hex(1, DigitOf(arguments.address));
     case 's':
       return arguments.value == "OF" ? "OFF" : arguments.value;
     case 'v':
-      return Hex("%.2X", TwoDigitsOf(arguments.value));
+      return Hex(2, TwoDigitsOf(arguments.value));
     case 'p':
       return arguments.set;
     case 'c':
@@ -164,7 +166,7 @@ std::string Placeholder(char name, const ARGUMENTS& arguments, unsigned char ans
     case 'n':
       return ITOA(DigitOf(arguments.channel));
     default:
-      return Hex("%.2X", answerValue);
+      return Hex(2, answerValue);
   }
 }
 

@@ -135,12 +135,12 @@ void ForceDiscover(const std::string&, CAE_CONSOLE* console) {
 
 // The prompt that follows is left for the next client, deliberately.
 void Exit(const std::string&, CAE_CONSOLE* console) {
-  console->Answer("TALP: Bye Bye...");
-  console->Context().wait(1);
+  console->Answer(kFarewell);
+  console->Context().wait(kFarewellPause);
   console->Context().closeClient();
 }
 
-std::string LastInputAnswer(const PERIFCARD& card, int block) {
+std::string LastInputError(const PERIFCARD& card, int block) {
   const CARD_KIND& kind = CardKindOf(card.kindCode);
   if (!kind.lastInputReadable) {
     return "CIE: THIS COMMAND IS VALID ON ANALOG OR DIGITAL INPUT CARD ONLY";
@@ -158,7 +158,7 @@ void GetLastInput(const std::string& line, CAE_CONSOLE* console) {
   {
     MUTEX_GUARD guard(&context.cards->lock);
     const PERIFCARD& card = context.cards->cards[address];
-    answer = LastInputAnswer(card, block);
+    answer = LastInputError(card, block);
     if (answer.empty()) {
       const std::string input = InputLine(address, block, card.blockState[block]);
       context.cardInput->ToQueue(Convert_String2QList(input));

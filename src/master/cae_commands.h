@@ -2,12 +2,19 @@
 #define TALP_MASTER_CAE_COMMANDS_H_
 
 #include <array>
+#include <cstddef>
 #include <functional>
 #include <string>
 
 #include "bus/tlqueue.h"
 #include "master/card_table.h"
 #include "thread/shared.h"
+
+// What a client is told before its connection is closed by command, and how long it has to read it.
+constexpr char kFarewell[] = "TALP: Bye Bye...";
+constexpr int kFarewellPause = 1;  // seconds
+
+constexpr std::size_t kMaxCardCommands = 16;
 
 // What the console works on. All pointers must outlive the console.
 struct CAE_CONTEXT {
@@ -44,7 +51,7 @@ class CAE_CONSOLE {
 
  private:
   CAE_CONTEXT context_;
-  std::array<unsigned char, 16> rememberedStates_{};
+  std::array<unsigned char, kMaxCardCommands> rememberedStates_{};
 };
 
 #endif  // TALP_MASTER_CAE_COMMANDS_H_

@@ -21,6 +21,7 @@ constexpr CARD_KIND kCardKinds[] = {
     {kKindUnknownCard,   "CARD?",                        kNoCardClass,  0,     0x00, 0,  0, kNone,     false, 0},
 };
 
+// Stands for many codes; its own is never looked at.
 constexpr CARD_KIND kUnidentified =
     {kKindUnknownCard,   "UNIDENTIFIED",                 kNoCardClass,  0,     0x00, 0,  0, kNone,     false, 0};
 // clang-format on

@@ -1,8 +1,6 @@
 #ifndef TALP_MASTER_CARD_KINDS_H_
 #define TALP_MASTER_CARD_KINDS_H_
 
-#include <cstddef>
-
 // The kind codes that cards report about themselves.
 enum KIND_CODE : unsigned char {
   kKindEmpty = 0,

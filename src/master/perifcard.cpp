@@ -73,6 +73,8 @@ void PERIFCARD::clearPerifCard() {
 
 void PERIFCARD::ClearPIOAnswer() { std::memset(pioAnswer, 0, sizeof pioAnswer); }
 
+bool PERIFCARD::HasDirectAnswer() const { return pioAnswer[0] == ByteOf(kDirectAnswer); }
+
 int AnswerAddress(const REPLY& answer) {
   return answer.size() > 1 && answer[1] < kAddressCount ? answer[1] : -1;
 }

@@ -1,7 +1,6 @@
 #ifndef TALP_MASTER_PERIFCARD_H_
 #define TALP_MASTER_PERIFCARD_H_
 
-#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -16,18 +15,20 @@ constexpr int kAnalogueChannels = 6;
 // What is known of the card at one bus address. A plain record and pure rules: whoever shares
 // records between threads guards them.
 struct PERIFCARD {
-  int cardClass = kNoCardClass;
+  PERIFCARD() { clearPerifCard(); }
+
+  int cardClass = 0;
   int blockCount = 0;
   unsigned char address = 0;
-  unsigned char kindCode = kKindEmpty;
-  char name[40] = "EMPTY";
+  unsigned char kindCode = 0;
+  char name[40] = {};
   unsigned char blockState[kBlockCount] = {};    // last input (or average), or last value written
   unsigned char changeFlag[kBlockCount] = {};    // 1: changed with the latest input answer
   unsigned char pioAnswer[kPioAnswerSize] = {};  // latest direct answer: 'Q', address, data
   unsigned char pollEnabled = 0;
   int analogSum[kAnalogueChannels] = {};
   int sampleCount = 0;
-  int samplesPerAverage = 6;
+  int samplesPerAverage = 0;
   BYTE_LIST pollFrame;
 
   // Back to "EMPTY". Leaves `address`, `pioAnswer` and `sampleCount` as they are, deliberately.
@@ -36,7 +37,7 @@ struct PERIFCARD {
   // Called before a direct command, so that a stale answer cannot be taken for a new one.
   void ClearPIOAnswer();
 
-  bool HasDirectAnswer() const { return pioAnswer[0] == 'Q'; }
+  bool HasDirectAnswer() const;
 };
 
 // The payload of a card bus reply; its first byte is the reply code.

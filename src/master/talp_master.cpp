@@ -8,10 +8,6 @@
 
 namespace {
 
-constexpr char kFarewell[] = "TALP: Bye Bye...";
-constexpr int kFarewellPause = 1;  // seconds
-constexpr int kNoSignal = -1;
-
 void Append(const std::string& text, BYTE_LIST* list) {
   list->insert(list->end(), text.begin(), text.end());
 }

@@ -45,8 +45,14 @@ TEST(PerifCard, DiscoveryWithoutClearing) {
 }
 
 TEST(PerifCard, ClearLeavesAddressAnswerAndSampleCount) {
-  PERIFCARD card;
-  card = {1, 6, 5, 7, "x", {1}, {1}, {'Q', 5}, 1, {1, 1, 1, 1, 1, 1}, 3, 9, {' '}};
+  PERIFCARD cards[kAddressCount];
+  ApplyDiscoveryAnswer(DiscoveryOf(5, "07"), cards);
+  PERIFCARD& card = cards[5];
+  card.blockState[0] = card.changeFlag[0] = 1;
+  card.pioAnswer[0] = 'Q';
+  card.analogSum[0] = card.analogSum[5] = 1;
+  card.sampleCount = 3;
+  card.samplesPerAverage = 9;
   card.clearPerifCard();
   EXPECT_EQ(3, card.cardClass + card.blockCount + card.kindCode + card.pollEnabled);
   EXPECT_EQ(0, card.blockState[0] + card.changeFlag[0] + card.analogSum[0] + card.analogSum[5]);
