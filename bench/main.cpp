@@ -1,3 +1,5 @@
+#include <stdlib.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
@@ -30,9 +32,15 @@ long SlackOfPause(int speed, const OPTIONS& options) {
   return pause < bench::kSystemTimerSlack ? std::max(pause, kLeastSlack) : options.timerSlack;
 }
 
+double LoadAverage() {
+  double load = 0;
+  return getloadavg(&load, 1) == 1 ? load : -1;
+}
+
 bench::FIGURES Measure(const OPTIONS& options) {
   const bench::EXTENT& extent = options.isShort ? kShort : kFull;
   bench::FIGURES figures;
+  figures.loadBefore = LoadAverage();
   for (const int speed : options.speeds) {
     figures.pauses[speed] =
         bench::MeasurePauses(bench::DelayOf(speed), SlackOfPause(speed, options), extent.pauses);
@@ -47,6 +55,7 @@ bench::FIGURES Measure(const OPTIONS& options) {
     figures.idle.push_back(MeasureEmptyBus(settings, extent));
     figures.idle.push_back(MeasureWithoutAdapter(settings, extent));
   }
+  figures.loadAfter = LoadAverage();
   return figures;
 }
 

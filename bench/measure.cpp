@@ -189,6 +189,9 @@ RUN_FIGURES MeasureRun(const DAEMON_SETTINGS& settings, int cards, const EXTENT&
     MeasureOutputs(&session, count, &figures);
     figures.lost += DAEMON::LostReplies();
   }
+  if (figures.change.empty() || figures.output.empty()) {
+    throw std::runtime_error("one way through the daemon let nothing pass");
+  }
   return figures;
 }
 

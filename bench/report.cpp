@@ -1,7 +1,5 @@
 #include "report.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <cstdarg>
 #include <cstddef>
@@ -95,8 +93,6 @@ void PrintCosts(const FIGURES& figures) {
 }
 
 void PrintPauses(const FIGURES& figures) {
-  double load[3] = {};
-  if (getloadavg(load, 3) < 0) load[0] = -1;
   std::printf("\nPauses as this kernel takes them, in microseconds, p50 / p99\n\n");
   for (const auto& [speed, pauses] : figures.pauses) {
     const TWO delay = Of(pauses.delay);
@@ -104,8 +100,9 @@ void PrintPauses(const FIGURES& figures) {
     std::printf("Speed %3d: usleep(%d) %.0f / %.0f, a sleep of 0.1 %.0f / %.0f\n", speed,
                 DelayOf(speed), delay.median, delay.p99, idle.median, idle.p99);
   }
-  std::printf("\nload average %.2f; the bus and the clients have %s priority\n\n", load[0],
-              figures.raisedPriority ? "real-time" : "no raised");
+  std::printf(
+      "\nload average %.2f before, %.2f after; the bus and the clients have %s priority\n\n",
+      figures.loadBefore, figures.loadAfter, figures.raisedPriority ? "real-time" : "no raised");
 }
 
 // One line of JSON, put together piece by piece.
@@ -144,7 +141,8 @@ void AddCost(const COST& cost, double cpu, JSON_LINE* json) {
 
 std::string Json(const FIGURES& figures) {
   JSON_LINE json;
-  json.Add("\"unit\":\"us\",\"runs\":[");
+  json.Add("\"unit\":\"us\",\"load\":[%.2f,%.2f],\"runs\":[", figures.loadBefore,
+           figures.loadAfter);
   for (const RUN_FIGURES& run : figures.runs) {
     const DESIGN design = figures.Design(run);
     json.Add("{\"speed\":%d,\"cards\":%d,", run.speed, run.cards);

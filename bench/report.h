@@ -18,6 +18,8 @@ struct FIGURES {
   std::vector<RUN_FIGURES> runs;
   std::vector<IDLE_FIGURES> idle;
   bool raisedPriority = false;
+  double loadBefore = 0;  // load averages: an idle machine is needed for figures to mean much
+  double loadAfter = 0;
 
   DESIGN Design(const RUN_FIGURES& run) const;
 };
