@@ -261,13 +261,14 @@ const char* const kMotorOnly = "CIE: THIS COMMAND IS VALID ON DC MOTOR CONTROLLE
 
 // clang-format off
 const CARD_COMMAND kCardCommands[] = {
-    {"LCDSELFTEST:@=ON", 'E', "rx 05 50 0E 01 01 FF", {"CIA: SELFTEST STATE IS SET TO ON at address E"},
-     "CIE: STATE WRITE ERROR", kLcdOnly},
-    {"LCDINITLIGHT:@=OF", 'E', "rx 05 50 0E 01 02 00", {"CIA: INITLIGHT STATE IS SET TO OFF at address E"},
-     "CIE: STATE WRITE ERROR", kLcdOnly},
+    {"LCDSELFTEST:@=ON", 'E', "rx 05 50 0E 01 01 FF",
+     {"CIA: SELFTEST STATE IS SET TO ON at address E"}, "CIE: STATE WRITE ERROR", kLcdOnly},
+    {"LCDINITLIGHT:@=OF", 'E', "rx 05 50 0E 01 02 00",
+     {"CIA: INITLIGHT STATE IS SET TO OFF at address E"}, "CIE: STATE WRITE ERROR", kLcdOnly},
     {"REBOOT:@", '5', "rx 04 50 05 01 AB", {"CIA: Card is REBOOTED", "RBT:0x5:OK"},
      "CIE: BUS WRITE ERROR", nullptr},
-    {"SETANMASK:@=3F", 'F', "rx 05 50 0F 01 01 3F", {"CIA: Channel MASK of the card is SET", "AMS:0xF:0x3F"},
+    {"SETANMASK:@=3F", 'F', "rx 05 50 0F 01 01 3F",
+     {"CIA: Channel MASK of the card is SET", "AMS:0xF:0x3F"},
      "CIE: MASK WRITE ERROR", kAnalogOnly},
     {"GETANMASK:@", 'F', "rx 04 50 0F 40 01", {"CIA: MASK is GOT from card", "AMV:0xF:0x2A"},
      "CIE: MASK READ ERROR", kAnalogOnly},
@@ -275,13 +276,17 @@ const CARD_COMMAND kCardCommands[] = {
      "CIE: MASK STORE ERROR", kAnalogOnly},
     {"STORESRVPOS:@", '0', "rx 04 50 00 01 74", {"CIA: POSITIONS ARE STORED at address 0"},
      "CIE: POSITION STORING ERROR", kServoOnly},
-    {"MOVESTRPOS:@", '0', "rx 04 50 00 01 3F", {"CIA: SERVOS ARE MOVED TO STORED POSITIONS at address 0"},
+    {"MOVESTRPOS:@", '0', "rx 04 50 00 01 3F",
+     {"CIA: SERVOS ARE MOVED TO STORED POSITIONS at address 0"},
      "CIE: POSITIONS MOVING ERROR", kServoLegal},
-    {"SETSCB3:@=80", '0', "rx 05 50 00 01 D3 80", {"CIA: SERVO PARAM of the card is SET", "SPS:0x0:SCB3:0x80"},
+    {"SETSCB3:@=80", '0', "rx 05 50 00 01 D3 80",
+     {"CIA: SERVO PARAM of the card is SET", "SPS:0x0:SCB3:0x80"},
      "CIE: PARAM WRITE ERROR", kServoOnly},
-    {"GETSCA3:@", '0', "rx 04 50 00 40 24", {"CIA: SERVO PARAM is GOT from card", "SPG:0x0:SCA3:0x33"},
+    {"GETSCA3:@", '0', "rx 04 50 00 40 24",
+     {"CIA: SERVO PARAM is GOT from card", "SPG:0x0:SCA3:0x33"},
      "CIE: PARAM READ ERROR", kServoOnly},
-    {"SETMSR1:@=20", '4', "rx 05 50 04 01 C1 20", {"CIA: MSR value of the card is SET", "MPS:0x4:MSR1:0x20"},
+    {"SETMSR1:@=20", '4', "rx 05 50 04 01 C1 20",
+     {"CIA: MSR value of the card is SET", "MPS:0x4:MSR1:0x20"},
      "CIE: PARAM WRITE ERROR", kMotorOnly},
     {"GETMSR1:@", '4', "rx 04 50 04 40 02", {"CIA: MSR value is GOT from card", "MSR1:0x4:0x11"},
      "CIE: PARAM READ ERROR", kMotorOnly},
@@ -312,7 +317,8 @@ LINES DiscoverList(const std::string& title, const std::string& at5, const std::
   const std::string names[] = {
       "6 channel RC SERVO CONTROLLER", e, e, "16 channel DIGITAL INPUT",
       "3 channel DC MOTOR CONTROLLER", at5, at6, e, "KEYMX and ROTE CONTROLLER",
-      "IR REMOTE CONTROLLER", e, e, e, e, "ALPHANUMERIC LCD CONTROLLER", "6 channel ANALOGUE INPUT"};
+      "IR REMOTE CONTROLLER", e, e, e, e, "ALPHANUMERIC LCD CONTROLLER",
+      "6 channel ANALOGUE INPUT"};
   // clang-format on
   LINES lines = {title};
   for (const std::string& name : names) {
