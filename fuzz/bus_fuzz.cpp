@@ -19,7 +19,7 @@ BYTE_LIST Exchange(const BYTE_LIST& request, FUZZ_INPUT* input) {
     wait.Attempt(bytes.data(), bytes.empty() ? -1 : static_cast<long>(bytes.size()));
     wire += bytes;
   }
-  const BYTE_LIST reply = wait.Reply();
+  BYTE_LIST reply = wait.Reply();
   const std::size_t promised = wire.empty() ? kMaxReplySize + 1 : ByteOf(wire[0]);
   const bool complete = promised <= kMaxReplySize && wire.size() > promised;
   const std::string expected = complete ? wire.substr(1, promised) : "TME";

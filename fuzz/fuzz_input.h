@@ -30,7 +30,7 @@ class FUZZ_INPUT {
   unsigned char Byte() { return Empty() ? 0 : ByteOf(bytes_[at_++]); }
 
   std::string Bytes(std::size_t count) {
-    const std::string taken = bytes_.substr(at_, count);
+    std::string taken = bytes_.substr(at_, count);
     at_ += taken.size();
     return taken;
   }

@@ -45,6 +45,7 @@ const LOG_RULE kLogRules[] = {
 std::vector<std::string> Adapters() {
   glob_t found{};
   std::vector<std::string> paths;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread
   if (glob(kAdapters, 0, nullptr, &found) == 0) {
     for (std::size_t i = 0; i < found.gl_pathc; ++i) paths.emplace_back(found.gl_pathv[i]);
   }
