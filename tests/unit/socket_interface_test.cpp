@@ -166,6 +166,20 @@ TEST_F(SocketInterface, CloseByCommandEndsABlockedWrite) {
   EXPECT_FALSE(Logged("[INF] connection is closed by client on IO interface"));
 }
 
+TEST_F(SocketInterface, CloseByCommandEndsTheWaitForAClient) {
+  Create();
+  ASSERT_TRUE(interface_->Init());
+  ASSERT_TRUE(Reaches(Accepting));
+  Pause(20);  // on to the accept
+  interface_->CloseByCommand();
+  interface_->outputQueue.ToQueue(ListOf("kept "));
+  ASSERT_TRUE(Reaches(Closed));
+  ASSERT_TRUE(Reaches(Accepting));
+  // What was queued is not lost, and the greeting comes once.
+  EXPECT_EQ("kept \r" + std::string(kBanner), CLIENT(settings_.port).Read(6 + sizeof kBanner - 1));
+  EXPECT_FALSE(Logged("[ERR] socket accept error on IO interface"));
+}
+
 TEST_F(SocketInterface, EndsWhereverItIsBlocked) {
   const std::ptrdiff_t descriptors = OpenDescriptors();
   Create();
@@ -188,6 +202,14 @@ TEST_F(SocketInterface, EndsWhereverItIsBlocked) {
   EXPECT_TRUE(ComesTrue([this] { return Logged("[INF] On task DMI interface"); }));
   interface_.reset();
   EXPECT_EQ(descriptors, OpenDescriptors());
+}
+
+TEST_F(SocketInterface, NoPort) {
+  settings_.port = 0;
+  Create();
+  EXPECT_FALSE(interface_->Init());
+  EXPECT_EQ(Idle, interface_->descriptor.state);
+  EXPECT_TRUE(Logged("[ERR] IO interface listening error on port 0"));
 }
 
 TEST_F(SocketInterface, TakenPort) {
