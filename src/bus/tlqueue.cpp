@@ -3,17 +3,20 @@
 #include <utility>
 
 void TLQUEUE::ToQueue(const BYTE_LIST& list) {
-  BYTE_LIST copy(list);
+  std::string copy(list.begin(), list.end());
   MUTEX_GUARD guard(&lock_);
   items_.push_back(std::move(copy));
 }
 
 BYTE_LIST TLQUEUE::DeQueue() {
-  MUTEX_GUARD guard(&lock_);
-  if (items_.empty()) return {};
-  BYTE_LIST front = std::move(items_.front());
-  items_.pop_front();
-  return front;
+  std::string front;
+  {
+    MUTEX_GUARD guard(&lock_);
+    if (items_.empty()) return {};
+    front = std::move(items_.front());
+    items_.pop_front();
+  }
+  return BYTE_LIST(front.begin(), front.end());
 }
 
 bool TLQUEUE::IsEmpty() {

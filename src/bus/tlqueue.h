@@ -2,6 +2,7 @@
 #define TALP_BUS_TLQUEUE_H_
 
 #include <deque>
+#include <string>
 
 #include "core/byte_list.h"
 #include "thread/mutex.h"
@@ -22,7 +23,8 @@ class TLQUEUE {
 
  private:
   CMutexClass lock_;
-  std::deque<BYTE_LIST> items_;
+  // Kept as strings, because a list takes 32 bytes for each of its own, and what waits may be much.
+  std::deque<std::string> items_;
 };
 
 #endif  // TALP_BUS_TLQUEUE_H_
