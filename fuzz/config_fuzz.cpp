@@ -1,23 +1,11 @@
 // The configuration document, read from a file in memory.
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include "core/config.h"
-#include "fuzz_input.h"
+#include "memory_file.h"
 
 namespace {
 
 constexpr char kPortError[] = " interface port number is less than 1025";
-
-std::string PathOf(int file) { return "/proc/self/fd/" + std::to_string(file); }
-
-int FileWith(const std::uint8_t* data, std::size_t size) {
-  const int file = memfd_create("talpconf.xml", MFD_CLOEXEC);
-  Require(file >= 0, "there is a file in memory");
-  Require(write(file, data, size) == static_cast<ssize_t>(size), "the document is in the file");
-  return file;
-}
 
 void CheckInterface(const INTERFACE_DESCRIPTOR& interface, const char* name) {
   for (const std::string& separator : {interface.inpSeparator, interface.outSeparator}) {
@@ -43,8 +31,7 @@ void CheckConfig(const CONFIG_DESCRIPTOR& config) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const int file = FileWith(data, size);
-  CheckConfig(ReadConfigFile(PathOf(file).c_str()));
-  close(file);
+  const MEMORY_FILE file(data, size);
+  CheckConfig(ReadConfigFile(file.Path().c_str()));
   return 0;
 }
