@@ -32,6 +32,7 @@ struct RUN_FIGURES {
   int cards = 0;
   SAMPLES change;   // from a change at a card to its line at the IO client
   SAMPLES report;   // from its reply on the wire to the line
+  SAMPLES second;   // as `change`, of a second line at once to a client that also sends
   SAMPLES output;   // from an IO line to its frame on the wire
   double rate = 0;  // exchanges per second
   double cpu = 0;   // seconds per second

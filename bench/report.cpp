@@ -54,23 +54,28 @@ void PrintRatios(const FIGURES& figures) {
 void PrintLatencies(const FIGURES& figures) {
   std::printf(
       "\nLatencies in microseconds, p50 / p99\n\n"
-      "Speed   cards    change -> IO line  reply -> IO line   IO line -> frame   design 3 loops   "
-      "  design 2 loops\n");
+      "Speed   cards    change -> IO line  second IO line     reply -> IO line   IO line -> frame  "
+      " "
+      "design 3 loops     design 2 loops\n");
   for (const RUN_FIGURES& run : figures.runs) {
     const DESIGN design = figures.Design(run);
     std::printf("%5d   %5d  ", run.speed, run.cards);
     for (const SAMPLES& samples :
-         {run.change, run.report, run.output, design.ThreeLoops(), design.TwoLoops()}) {
+         {run.change, run.second, run.report, run.output, design.ThreeLoops(), design.TwoLoops()}) {
       const TWO two = Of(samples);
-      std::printf("%9.0f / %-6.0f ", two.median, two.p99);
+      if (samples.empty()) {
+        std::printf("%9s %9s", "-", "");
+      } else {
+        std::printf("%9.0f / %-6.0f ", two.median, two.p99);
+      }
     }
     std::printf("\n");
   }
   for (const auto& [cards, bare] : figures.bare) {
     const TWO change = Of(bare.change);
     const TWO exchange = Of(bare.exchange);
-    std::printf(" bare   %5d  %9.0f / %-6.0f %9.0f / %-6.0f\n", cards, change.median, change.p99,
-                exchange.median, exchange.p99);
+    std::printf(" bare   %5d  %9.0f / %-6.0f %18s %9.0f / %-6.0f\n", cards, change.median,
+                change.p99, "", exchange.median, exchange.p99);
   }
 }
 
@@ -148,6 +153,7 @@ std::string Json(const FIGURES& figures) {
     json.Add("{\"speed\":%d,\"cards\":%d,", run.speed, run.cards);
     json.AddPair("change_to_line", run.change);
     json.AddPair("reply_to_line", run.report);
+    json.AddPair("second_change_to_line", run.second);
     json.AddPair("line_to_frame", run.output);
     json.AddPair("design_three_loops", design.ThreeLoops());
     json.AddPair("design_two_loops", design.TwoLoops());
