@@ -50,7 +50,7 @@ void IdleBetweenPasses(unsigned hundredNanoseconds) {
     Sleep(hundredNanoseconds);
     return;
   }
-  const std::int64_t end = Nanoseconds() + hundredNanoseconds * 100;
+  const std::int64_t end = Nanoseconds() + std::int64_t{100} * hundredNanoseconds;
   while (Nanoseconds() < end) continue;
 }
 

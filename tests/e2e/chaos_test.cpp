@@ -62,7 +62,7 @@ class GUEST {
     };
     e2e::Await(text, arrived, [this] { return unread_; });
     const size_t at = unread_.find(text);
-    const std::string before = unread_.substr(0, at);
+    std::string before = unread_.substr(0, at);
     unread_.erase(0, at + text.size());
     return before;
   }
@@ -94,9 +94,9 @@ class GUEST {
 std::set<int> ListeningPorts() {
   std::istringstream table(ReadFile("/proc/net/tcp"));
   std::set<int> ports;
-  std::string slot, local, remote, state, rest;
-  while (table >> slot >> local >> remote >> state && std::getline(table, rest)) {
-    if (state == "0A") ports.insert(std::stoi(local.substr(local.find(':') + 1), nullptr, 16));
+  std::string line;
+  while (std::getline(table, line)) {  // "   0: 00000000:1389 00000000:0000 0A ..."
+    if (line.substr(34, 2) == "0A") ports.insert(std::stoi(line.substr(15, 4), nullptr, 16));
   }
   return ports;
 }
