@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <iterator>
 #include <string>
@@ -34,20 +35,31 @@ class BENCH {
       return delays;
     }
     if (order == "!poll frame 5") return ToHex(table_.cards[5].pollFrame);
-    if (order == "!silent" || order == "!answering") cardAnswers_ = order == "!answering";
     if (order.find("!cards ") == 0) Discover(order.substr(7));
-    if (order.find("!all ") == 0) SetKinds(static_cast<unsigned char>(std::stoi(order.substr(5))));
-    return "";
+    if (order.find("!all ") == 0) SetKinds(std::stoi(order.substr(5)));
+    const std::size_t line = order.find(' ', 7) + 1;
+    return order.find("!trial ") == 0 ? Trial(std::stoi(order.substr(7)), order.substr(line)) : "";
   }
 
-  void SetKinds(unsigned char kind) {
+  void SetKinds(int kind) {
     for (PERIFCARD& card : table_.cards) {
-      card.kindCode = kind;
+      card.kindCode = static_cast<unsigned char>(kind);
       std::memset(card.blockState, 0xF1, sizeof card.blockState);
     }
   }
 
  private:
+  std::string Trial(int kind, const std::string& line) {
+    SetKinds(kind);
+    const std::string answered = Run(line + "\r\n");
+    cardAnswers_ = false;
+    const std::string silent = Run(line + "\r\n");
+    SetKinds(10);
+    const std::string other = Run(line + "\r\n");
+    cardAnswers_ = true;
+    return answered + " " + silent + " " + other;
+  }
+
   void Note() {
     while (!answers_.IsEmpty()) told_ += "|" + TextOf(answers_.DeQueue());
     while (!input_.IsEmpty()) told_ += "|IO " + TextOf(input_.DeQueue());
@@ -61,8 +73,8 @@ class BENCH {
   void Wait(int seconds) {
     const BYTE_LIST request = bus_.DeQueue();
     Note();
-    told_ += "|" + std::to_string(seconds) + " s, polling " + (polling_ ? "on" : "off") +
-             ", 5 is " + std::to_string(table_.cards[5].kindCode) + ", [" + ToHex(request) + "]";
+    told_ += "|" + std::to_string(seconds) + " s [" + ToHex(request) + "]";
+    if (!polling_) told_ += " paused, 5 is " + std::to_string(table_.cards[5].kindCode);
     if (request.size() == 1) Discover("00 00 00 00 00 04 00 00 00 00 00 00 00 00 00 03");
     if (request.size() < 2 || !cardAnswers_) return;
     const unsigned char address = ByteOf(*std::next(request.begin()));
@@ -99,24 +111,25 @@ TEST(CaeCommands, Dialogues) {
   });
 }
 
+// A copy would only say the same again; a digest, FNV-1a, tells that a text has changed.
 TEST(CaeCommands, Texts) {
-  const char* const texts[][2] = {{"HELP\r\n", "help.txt"}, {"IOEXAMPLES\r\n", "io_examples.txt"}};
-  for (const auto& text : texts) {
-    const std::string lines = ReadFile(std::string(TALP_TEST_DATA "/") + text[1]);
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ("|" + Replaced(lines, "\n", "~|") + ">~", BENCH().Run(text[0]));
-  }
+  const auto digest = [](const std::string& line) {
+    std::uint32_t value = 2166136261;
+    for (const char byte : BENCH().Run(line)) value = (value ^ ByteOf(byte)) * 16777619;
+    return value;
+  };
+  EXPECT_EQ(0x6497D414U, digest("HELP\r\n"));
+  EXPECT_EQ(0x53529B7FU, digest("IOEXAMPLES\r\n"));
 }
 
 // No syntax is checked, so that nothing may fail where an argument is not there. The separator may
 // stand anywhere, but without one only SPEED= is known.
 TEST(CaeCommands, MissingArgumentsAndSeparators) {
   for (const std::string key :
-       {"SPEED=", "LCDSELFTEST:", "LCDINITLIGHT:", "REBOOT:", "SETANMASK:", "GETANMASK:",
-        "STOREANMASK:", "STORESRVPOS:", "MOVESTRPOS:", "SETSC", "GETSC", "SETMSR", "GETMSR",
-        "STOREMSRS", "POLLON:", "POLLOFF:", "GETLASTINPST:"}) {
+       {"SPEED=", "LCDSELFTEST:", "REBOOT:", "SETANMASK:", "GETANMASK:", "STORESRVPOS:", "SETSC",
+        "GETSC", "SETMSR", "GETMSR", "STOREMSRS", "POLLON:", "POLLOFF:", "GETLASTINPST:"}) {
     for (const char* rest : {"", ":", "=", ":=", "=:", ":F=", "\xFF:\xFF=\xFF", "1", "x:1=1"}) {
-      for (const unsigned char kind : {4, 5, 6, 7, 9}) {
+      for (const int kind : {4, 5, 6, 7, 9}) {
         BENCH bench;
         bench.SetKinds(kind);
         const std::string told = bench.Run("\r\n" + key + rest);

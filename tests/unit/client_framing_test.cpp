@@ -30,11 +30,4 @@ TEST(ClientFraming, Outbound) {
   EXPECT_EQ("," + std::string(300, 'x'), EncodeOutbound(LengthPrefixed, BYTE_LIST(300, 'x')));
 }
 
-TEST(ClientFraming, Banners) {
-  EXPECT_EQ("TALP CAE interface is ready\r\n(Type HELP for help)\r\n>\r\n", BannerOf("CAE"));
-  EXPECT_EQ("TALP IO interface is ready\r\n", BannerOf("IO"));
-  EXPECT_EQ("TALP MON interface is ready\r\n", BannerOf("MON"));
-  EXPECT_EQ("", BannerOf("DMI") + BannerOf("cae") + BannerOf(""));
-}
-
 }  // namespace

@@ -2,9 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <sstream>
 #include <string>
+#include <vector>
 
 #include "support.h"
 
@@ -24,42 +23,36 @@ TEST(Frame, Requests) {
   EXPECT_EQ("4C 43 45", ToHex(EmptyRequestReply()));
 }
 
-// Gives the pieces, parted by '/', one a read, and then nothing more.
-std::string ReplyTo(const BYTE_LIST& request, const std::string& pieces) {
-  REPLY_WAIT wait(request);
-  std::istringstream stream(pieces);
-  for (std::string piece; wait.Waiting() && std::getline(stream, piece, '/');) {
-    const std::string bytes = FromHex<std::string>(piece);
-    wait.Attempt(bytes.data(), static_cast<long>(bytes.size()));
+// Gives the pieces, one a read, and then nothing more.
+std::string ReplyTo(const std::vector<std::string>& pieces) {
+  REPLY_WAIT wait({' '});
+  for (const std::string& bytes : pieces) {
+    if (wait.Waiting()) wait.Attempt(bytes.data(), static_cast<long>(bytes.size()));
   }
   while (wait.Waiting()) wait.Attempt(nullptr, -1);
   return ToHex(wait.Reply());
 }
 
 TEST(Frame, Replies) {
-  EXPECT_EQ("41 42", ReplyTo({' '}, "02 41 42"));
-  EXPECT_EQ("41 42", ReplyTo({' '}, "02/41//42"));
-  EXPECT_EQ("41 42", ReplyTo({' '}, "02 41 42 43 44"));
-  EXPECT_EQ("41 42", ReplyTo({' '}, "02 41/42 43/44"));
-  EXPECT_EQ("", ReplyTo({' '}, "/00 41"));
-  for (const char* incomplete : {"", "02 41", "FF 41", "84"}) {
-    EXPECT_EQ(kTimeout, ReplyTo({' '}, incomplete)) << incomplete;
+  EXPECT_EQ("41 42", ReplyTo({"\2AB"}));
+  EXPECT_EQ("41 42", ReplyTo({"\2", "A", "", "B"}));
+  EXPECT_EQ("41 42", ReplyTo({"\2ABCD"}));
+  EXPECT_EQ("41 42", ReplyTo({"\2A", "BC", "D"}));
+  EXPECT_EQ("", ReplyTo({"", std::string("\0A", 2)}));
+  for (const char* incomplete : {"", "\2A", "\xFFZ", "\x84"}) {
+    EXPECT_EQ(kTimeout, ReplyTo({incomplete})) << incomplete;
   }
 }
 
 TEST(Frame, RepliesOfEveryLength) {
   for (std::size_t promised = 0; promised <= 255; ++promised) {
-    const std::string bytes = static_cast<char>(promised) + std::string(400, 'r');
+    const std::string whole = static_cast<char>(promised) + std::string(400, 'r');
     const std::string expected =
         promised <= 131 ? ToHex(std::string(promised, 'r')) : std::string(kTimeout);
-    for (const std::size_t size : {std::size_t{255}, std::size_t{7}}) {
-      REPLY_WAIT wait({' '});
-      for (std::size_t at = 0; wait.Waiting() && at < bytes.size(); at += size) {
-        wait.Attempt(&bytes[at], static_cast<long>(std::min(size, bytes.size() - at)));
-      }
-      EXPECT_EQ(promised > 131, wait.Waiting()) << promised;
-      EXPECT_EQ(expected, ToHex(wait.Reply())) << promised;
-    }
+    EXPECT_EQ(expected, ReplyTo({whole.substr(0, 255), whole.substr(255)})) << promised;
+    std::vector<std::string> pieces;
+    for (std::size_t at = 0; at < whole.size(); at += 7) pieces.push_back(whole.substr(at, 7));
+    EXPECT_EQ(expected, ReplyTo(pieces)) << promised;
   }
 }
 

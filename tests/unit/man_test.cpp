@@ -15,9 +15,8 @@ std::set<std::string> ManCommands() {
   std::set<std::string> commands;
   for (std::string line; std::getline(page, line);) {
     if (line.rfind(".It Ic ", 0) != 0) continue;
-    for (const char* markup : {".It", " Ns", " Ic", " Ar", "\\&", " "}) {
-      line = Replaced(line, markup, "");
-    }
+    for (const char* word : {".It", " Ns", " Ic", " Ar", "\\&", " "})
+      line = Replaced(line, word, "");
     commands.insert(line);
   }
   return commands;

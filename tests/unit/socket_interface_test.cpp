@@ -22,42 +22,40 @@ void Pause(int milliseconds) {
   std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
-sockaddr_in Loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  return address;
-}
-
-sockaddr_in NameOf(int socket) {
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
-  return address;
-}
-
-// A bound socket, which keeps its port from others until it is closed.
-int BoundSocket() {
-  const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
-  const sockaddr_in address = Loopback(0);
-  EXPECT_EQ(0, bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address));
-  return socket;
-}
-
-class CLIENT {
+// A socket with any address of the loopback interface.
+class LOOPBACK_SOCKET {
  public:
-  explicit CLIENT(int port) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+  LOOPBACK_SOCKET() {
+    address_.sin_family = AF_INET;
+    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(0, bind(socket_, Generic(&address_), sizeof address_));
+    socklen_t size = sizeof address_;
+    getsockname(socket_, Generic(&address_), &size);
+  }
+  ~LOOPBACK_SOCKET() { close(socket_); }
+  LOOPBACK_SOCKET(const LOOPBACK_SOCKET&) = delete;
+  LOOPBACK_SOCKET& operator=(const LOOPBACK_SOCKET&) = delete;
+
+  int WirePort() const { return address_.sin_port; }
+
+ protected:
+  static sockaddr* Generic(sockaddr_in* address) { return reinterpret_cast<sockaddr*>(address); }
+
+  const int socket_ = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address_{};
+};
+
+class CLIENT : public LOOPBACK_SOCKET {
+ public:
+  explicit CLIENT(int port) {
     const int small = 4096;
     setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
     const timeval patience = {40, 0};
     setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    const sockaddr_in address = Loopback(port);
-    EXPECT_TRUE(ComesTrue([&] {
-      return connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    }));
+    sockaddr_in server = address_;
+    server.sin_port = htons(static_cast<std::uint16_t>(port));
+    EXPECT_TRUE(ComesTrue([&] { return connect(socket_, Generic(&server), sizeof server) == 0; }));
   }
-  ~CLIENT() { close(socket_); }
 
   std::string Read(std::size_t count) {
     std::string bytes(count, '\0');
@@ -67,31 +65,30 @@ class CLIENT {
   }
 
   void Send(const std::string& bytes) { send(socket_, bytes.data(), bytes.size(), 0); }
-
-  int WirePort() const { return NameOf(socket_).sin_port; }
-
- private:
-  const int socket_;
 };
 
 // An IO interface on a port of its own; whole seconds are no pause.
 class SocketInterface : public testing::Test {
  protected:
   SocketInterface() {
-    const int socket = BoundSocket();
-    settings_.port = ntohs(NameOf(socket).sin_port);
-    close(socket);
+    settings_.port = ntohs(static_cast<std::uint16_t>(LOOPBACK_SOCKET().WirePort()));
     settings_.name = "IO";
     settings_.delay = 100;
     logger_.fileName = directory_.Path("log");
   }
 
-  void Create() {
+  bool Create() {
     interface_ = std::make_unique<SOCKET_INTERFACE>(settings_, logger_, &input_, Text);
+    return interface_->Init();
   }
 
   bool Reaches(InterfaceState state) {
     return ComesTrue([&] { return interface_->descriptor.state == state; });
+  }
+
+  void AwaitAccept() {
+    ASSERT_TRUE(Create() && Reaches(Accepting));
+    Pause(20);
   }
 
   void ExpectMessage(const std::string& message) {
@@ -125,14 +122,12 @@ class SocketInterface : public testing::Test {
 };
 
 TEST_F(SocketInterface, ServesOneClientAfterTheOther) {
-  Create();
-  ASSERT_TRUE(interface_->Init());
+  ASSERT_TRUE(Create());
   for (int round = 0; round < 2; ++round) {
     // One that came before the interface listens again would be turned away.
     ASSERT_TRUE(Reaches(Accepting));
     CLIENT client(settings_.port);
     EXPECT_EQ(kBanner, client.Read(sizeof kBanner - 1));
-    ASSERT_TRUE(Reaches(Connected));
     client.Send("a5b1dFB\r\na5b1dFF\r\n");
     ExpectMessage("a5b1dFB\r\na5b1dFF\r\n");
     client.Send(std::string(300, 'x'));
@@ -150,11 +145,9 @@ TEST_F(SocketInterface, ServesOneClientAfterTheOther) {
 }
 
 TEST_F(SocketInterface, CloseByCommandEndsABlockedWrite) {
-  Create();
-  ASSERT_TRUE(interface_->Init());
+  ASSERT_TRUE(Create());
   {
     CLIENT deaf(settings_.port);
-    ASSERT_TRUE(Reaches(Connected));
     BlockInWriting();
     interface_->CloseByCommand();
     EXPECT_TRUE(Reaches(Accepting));
@@ -167,14 +160,10 @@ TEST_F(SocketInterface, CloseByCommandEndsABlockedWrite) {
 }
 
 TEST_F(SocketInterface, CloseByCommandEndsTheWaitForAClient) {
-  Create();
-  ASSERT_TRUE(interface_->Init());
-  ASSERT_TRUE(Reaches(Accepting));
-  Pause(20);  // on to the accept
+  AwaitAccept();
   interface_->CloseByCommand();
   interface_->outputQueue.ToQueue(ListOf("kept "));
-  ASSERT_TRUE(Reaches(Closed));
-  ASSERT_TRUE(Reaches(Accepting));
+  ASSERT_TRUE(Reaches(Closed) && Reaches(Accepting));
   // What was queued is not lost, and the greeting comes once.
   EXPECT_EQ("kept \r" + std::string(kBanner), CLIENT(settings_.port).Read(6 + sizeof kBanner - 1));
   EXPECT_FALSE(Logged("[ERR] socket accept error on IO interface"));
@@ -182,47 +171,25 @@ TEST_F(SocketInterface, CloseByCommandEndsTheWaitForAClient) {
 
 TEST_F(SocketInterface, EndsWhereverItIsBlocked) {
   const std::ptrdiff_t descriptors = OpenDescriptors();
-  Create();
-  interface_.reset();  // never listened
-  Create();
-  ASSERT_TRUE(interface_->Init());
-  ASSERT_TRUE(Reaches(Accepting));
-  Pause(20);  // on to the accept
+  AwaitAccept();
   interface_.reset();
-  Create();
-  ASSERT_TRUE(interface_->Init());
+  ASSERT_TRUE(Create());
   {
     CLIENT deaf(settings_.port);
     ASSERT_TRUE(Reaches(Connected));
     BlockInWriting();
     interface_.reset();
   }
+  // Without a port it never listens.
+  settings_.port = 0;
+  EXPECT_FALSE(Create());
+  EXPECT_EQ(Idle, interface_->descriptor.state);
+  EXPECT_TRUE(Logged("[ERR] IO interface listening error on port 0"));
   settings_.name = "DMI";
   Create();
   EXPECT_TRUE(ComesTrue([this] { return Logged("[INF] On task DMI interface"); }));
   interface_.reset();
   EXPECT_EQ(descriptors, OpenDescriptors());
-}
-
-TEST_F(SocketInterface, NoPort) {
-  settings_.port = 0;
-  Create();
-  EXPECT_FALSE(interface_->Init());
-  EXPECT_EQ(Idle, interface_->descriptor.state);
-  EXPECT_TRUE(Logged("[ERR] IO interface listening error on port 0"));
-}
-
-TEST_F(SocketInterface, TakenPort) {
-  const int socket = BoundSocket();
-  settings_.port = ntohs(NameOf(socket).sin_port);
-  Create();
-  EXPECT_TRUE(interface_->Init());
-  EXPECT_TRUE(Logged("[ERR] couldn't bind socket forIO interface"));
-  EXPECT_TRUE(Logged("[INF] IO interface listening on port " + std::to_string(settings_.port)));
-  interface_->mf_SIGhandler(15);
-  EXPECT_TRUE(Logged("[INF] signal 15 on IO interface"));
-  interface_.reset();
-  close(socket);
 }
 
 }  // namespace
