@@ -27,14 +27,13 @@ namespace {
 
 constexpr char kLogFile[] = "/var/log/talp.log";
 constexpr char kErrorFile[] = "/run/talp.stderr";
-constexpr char kStubDirectory[] = "/run/shortened";
 constexpr char kSeparator[] = "\r\n\r";  // of the console, and what the interface itself adds
 constexpr int kAttempts = 3;
 constexpr std::chrono::seconds kDeadline{10};
 
 // The daemon pauses through the shell's sleep. Its pauses of one second keep their length: within
 // them a card has to answer or a farewell has to go out.
-constexpr char kSleepStub[] = "#!/bin/sh\n[ \"$1\" = 1 ] || set 0.$1\nexec /bin/sleep $1\n";
+constexpr char kShortened[] = "#!/bin/sh\n[ \"$1\" = 1 ] || set 0.$1\nexec /bin/sleep $1\n";
 
 struct ENDPOINT {
   uint16_t port;
@@ -47,42 +46,10 @@ const std::map<std::string, ENDPOINT> kEndpoints = {
     {"MON", {5003, "TALP MON interface is ready\r\n\r"}},
 };
 
-std::string Printable(const std::string& bytes) {
-  std::string text;
-  for (const char c : bytes) {
-    if (c == '\r') text += "\\r";
-    text += (c >= ' ' && c <= '~') || c == '\n' ? std::string(1, c) : "";
-  }
-  return text;
-}
-
 std::string Joined(const LINES& lines, const std::string& end) {
   std::string text;
   for (const std::string& line : lines) text += line + end;
   return text;
-}
-
-int Connect(const std::string& interface, int receiveBuffer) {
-  const int connection = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (receiveBuffer > 0) {
-    setsockopt(connection, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-  }
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(kEndpoints.at(interface).port);
-  const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
-  Check(connect(connection, generic, sizeof address) == 0, interface + " does not listen");
-  return connection;
-}
-
-// As it stands in the address record, byte-swapped where the machine is little-endian: so the
-// daemon logs it.
-uint16_t LoggedPort(int connection) {
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  getsockname(connection, reinterpret_cast<sockaddr*>(&address), &size);
-  return address.sin_port;
 }
 
 [[noreturn]] void Execute(const char* program, const LINES& options) {
@@ -95,12 +62,6 @@ uint16_t LoggedPort(int connection) {
 
 void RedirectTo(const char* path, int descriptor) {
   dup2(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666), descriptor);
-}
-
-// Also true of a child that has ended and has not been waited for.
-bool IsChild(pid_t pid) {
-  siginfo_t info;
-  return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
 }
 
 }  // namespace
@@ -132,72 +93,53 @@ void Await(const std::string& what, const std::function<bool()>& condition,
   }
 }
 
-SOURCE::SOURCE(const std::string& name, int descriptor) : name_(name), descriptor_(descriptor) {
-  Check(fcntl(descriptor_, F_SETFL, O_NONBLOCK) == 0, name + " cannot be opened");
-}
-
 SOURCE::~SOURCE() { close(descriptor_); }
 
-void SOURCE::Pull() {
+void SOURCE::Watch(int descriptor) {
+  descriptor_ = descriptor;
+  Check(fcntl(descriptor_, F_SETFL, O_NONBLOCK) == 0, name_ + " cannot be opened");
+}
+
+bool SOURCE::Pull() {
   char bytes[65536];
   ssize_t count;
   while ((count = read(descriptor_, bytes, sizeof bytes)) > 0) {
     unread_.append(bytes, static_cast<size_t>(count));
   }
-  ended_ = count == 0;
+  return count != 0;
 }
 
-bool SOURCE::TakeLine(const std::string& lineEnd, std::string* line) {
-  const size_t end = unread_.find(lineEnd);
-  if (end == std::string::npos) return false;
-  *line = unread_.substr(0, end);
-  unread_.erase(0, end + lineEnd.size());
-  return true;
-}
-
-void SOURCE::AwaitInput(const std::string& what, const std::function<bool()>& condition) {
-  const auto arrived = [&] {
-    Pull();
-    return condition();
-  };
-  Await(name_ + ": " + Printable(what), arrived, [this] { return Printable(unread_); });
-}
-
-LOG::LOG() : SOURCE("log", open(kLogFile, O_RDONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {}
-
-void LOG::PullLines() {
-  constexpr size_t kTimeSize = sizeof "2000-01-01 00:00:00 " - 1;
+void LINE_SOURCE::PullLines() {
   Pull();
-  std::string line;
-  while (TakeLine("\n", &line)) {
-    tm time{};
-    Check(strptime(line.c_str(), "%Y-%m-%d %H:%M:%S ", &time) == line.c_str() + kTimeSize,
-          "log: malformed line " + line);
-    lines_.push_back(line.substr(kTimeSize));
+  size_t start = 0;
+  for (size_t end; (end = unread_.find('\n', start)) != std::string::npos; start = end + 1) {
+    lines_.push_back(unread_.substr(start, end - start).erase(0, prefix_));
   }
+  unread_.erase(0, start);
 }
 
-bool LOG::TakeInOrder(const LINES& wanted) {
-  LINES rest;
-  auto next = wanted.begin();
-  for (const std::string& line : lines_) {
-    if (next != wanted.end() && line == *next) {
-      ++next;
-    } else {
-      rest.push_back(line);
-    }
-  }
-  if (next != wanted.end()) return false;
-  lines_ = rest;
-  return true;
+LINES::iterator LINE_SOURCE::AwaitLine(const std::string& line, std::ptrdiff_t from) {
+  LINES::iterator found;
+  const auto arrived = [&] {
+    PullLines();
+    found = std::find(lines_.begin() + from, lines_.end(), line);
+    return found != lines_.end();
+  };
+  Await(name_ + ": " + line, arrived, [this] { return "\n" + Joined(lines_, "\n"); });
+  return found;
+}
+
+LOG::LOG() : LINE_SOURCE("log", sizeof "2000-01-01 00:00:00 " - 1) {
+  Watch(open(kLogFile, O_RDONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
 }
 
 void LOG::Expect(const LINES& wanted) {
-  const auto arrived = [&] {
-    PullLines();
-    return TakeInOrder(wanted);
-  };
-  Await("log:\n" + Joined(wanted, "\n"), arrived, [this] { return "\n" + Joined(lines_, "\n"); });
+  std::ptrdiff_t from = 0;
+  for (const std::string& line : wanted) {
+    const LINES::iterator found = AwaitLine(line, from);
+    from = found - lines_.begin();
+    lines_.erase(found);
+  }
 }
 
 bool LOG::Has(const std::string& text) {
@@ -205,26 +147,20 @@ bool LOG::Has(const std::string& text) {
   return Joined(lines_, "\n").find(text) != std::string::npos;
 }
 
-CARD_BUS::PROCESS CARD_BUS::Start(const LINES& options) {
+CARD_BUS::CARD_BUS(const LINES& options) : LINE_SOURCE("card bus", 0) {
   int ends[2];
   Check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "no socket pair");
-  const pid_t pid = fork();
-  if (pid == 0) {
+  pid_ = fork();
+  if (pid_ == 0) {
     dup2(ends[1], STDIN_FILENO);
     dup2(ends[1], STDOUT_FILENO);
     Execute(CARDSIM_PROGRAM, options);
   }
   close(ends[1]);
-  return {pid, ends[0]};
-}
-
-CARD_BUS::CARD_BUS(const LINES& options) : CARD_BUS(Start(options)) {
-  AwaitInput("ready", [this] { return PullLines() && lines_.front().rfind("ready ", 0) == 0; });
+  Watch(ends[0]);
+  Type("");
   lines_.clear();
 }
-
-CARD_BUS::CARD_BUS(const PROCESS& process)
-    : SOURCE("card bus", process.second), pid_(process.first) {}
 
 CARD_BUS::~CARD_BUS() {
   int status = -1;
@@ -233,66 +169,56 @@ CARD_BUS::~CARD_BUS() {
   EXPECT_EQ(status, 0) << "of the simulated card bus";
 }
 
-bool CARD_BUS::PullLines() {
-  std::string line;
-  while (TakeLine("\n", &line)) lines_.push_back(line);
-  return !lines_.empty();
-}
-
 void CARD_BUS::Type(const std::string& commands) {
   const std::string text = commands + "\nsync\n";
-  Check(write(descriptor_, text.data(), text.size()) == static_cast<ssize_t>(text.size()),
-        "bus ended");
-  const auto done = [this] {
-    PullLines();
-    const auto sync = std::find(lines_.begin(), lines_.end(), "sync");
-    if (sync == lines_.end()) return false;
-    lines_.erase(sync);
-    return true;
-  };
-  AwaitInput(commands, done);
+  Check(send(descriptor_, text.data(), text.size(), MSG_NOSIGNAL) > 0, "bus ended");
+  lines_.erase(AwaitLine("sync"));
 }
 
 void CARD_BUS::ExpectNext(const LINES& wanted) {
-  for (const std::string& line : wanted) {
-    AwaitInput(line, [this] { return PullLines(); });
-    Check(lines_.front() == line,
-          name_ + ": expected next: " + line + "\ncame instead:\n" + Joined(lines_, "\n"));
-    lines_.erase(lines_.begin());
-  }
+  const auto arrived = [&] {
+    PullLines();
+    return lines_.size() >= wanted.size() ||
+           !std::equal(lines_.begin(), lines_.end(), wanted.begin());
+  };
+  const std::string next = name_ + ": next\n" + Joined(wanted, "\n");
+  Await(next, arrived, [this] { return "\n" + Joined(lines_, "\n"); });
+  Check(std::equal(wanted.begin(), wanted.end(), lines_.begin()),
+        next + "came instead:\n" + Joined(lines_, "\n"));
+  lines_.erase(lines_.begin(), lines_.begin() + static_cast<std::ptrdiff_t>(wanted.size()));
 }
 
 void CARD_BUS::ExpectLine(const std::string& line) {
-  const auto arrived = [&] {
-    PullLines();
-    const auto found = std::find(lines_.begin(), lines_.end(), line);
-    const bool here = found != lines_.end();
-    lines_.erase(lines_.begin(), here ? found + 1 : found);
-    return here;
-  };
-  AwaitInput(line, arrived);
+  const LINES::iterator found = AwaitLine(line);
+  lines_.erase(lines_.begin(), found + 1);
 }
 
-CLIENT::CLIENT(LOG* log, const std::string& interface, const std::string& leftOver,
-               int receiveBuffer)
-    : SOURCE(interface + " client", Connect(interface, receiveBuffer)) {
-  log->ExpectLine("[INF] client is connected on " + interface +
-                  " interface from 127.0.0.1:" + std::to_string(LoggedPort(descriptor_)));
-  Expect(leftOver + kEndpoints.at(interface).banner);
+CLIENT::CLIENT(const std::string& interface, const std::string& leftOver)
+    : SOURCE(interface + " client") {
+  const ENDPOINT& endpoint = kEndpoints.at(interface);
+  sockaddr_in address = {AF_INET, htons(endpoint.port), {htonl(INADDR_LOOPBACK)}, {}};
+  const int connection = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+  Check(connect(connection, generic, sizeof address) == 0, interface + " does not listen");
+  Watch(connection);
+  Expect(leftOver + endpoint.banner);
 }
 
 void CLIENT::Send(const std::string& bytes) {
   const ssize_t sent = send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-  Check(sent == static_cast<ssize_t>(bytes.size()), name_ + ": cannot send " + Printable(bytes));
+  Check(sent == static_cast<ssize_t>(bytes.size()),
+        name_ + ": cannot send " + testing::PrintToString(bytes));
 }
 
 void CLIENT::Expect(const std::string& bytes) {
   const auto decided = [&] {
+    Pull();
     return unread_.size() >= bytes.size() || bytes.compare(0, unread_.size(), unread_) != 0;
   };
-  AwaitInput(bytes, decided);
+  const std::string next = name_ + ": next " + testing::PrintToString(bytes);
+  Await(next, decided, [this] { return testing::PrintToString(unread_); });
   Check(unread_.compare(0, bytes.size(), bytes) == 0,
-        name_ + ": expected next: " + Printable(bytes) + "\ncame instead: " + Printable(unread_));
+        next + "\ncame instead: " + testing::PrintToString(unread_));
   unread_.erase(0, bytes.size());
 }
 
@@ -301,23 +227,10 @@ void CLIENT::Ask(const std::string& line, const LINES& answers) {
   Expect(Joined(answers, kSeparator));
 }
 
-LINES CLIENT::Take(size_t count) {
-  LINES lines(count);
-  for (std::string& line : lines) {
-    AwaitInput("a line", [&] { return TakeLine(kSeparator, &line); });
-  }
-  return lines;
-}
-
 void CLIENT::ExpectEnd() {
-  AwaitInput("the end", [this] { return ended_; });
-  Check(unread_.empty(), name_ + ": came before the end: " + Printable(unread_));
-}
-
-void CLIENT::AwaitUnread() {
-  int count = 0;
-  const auto arrived = [&] { return ioctl(descriptor_, FIONREAD, &count) == 0 && count > 0; };
-  Await(name_ + ": anything", arrived, [] { return "nothing"; });
+  const auto ended = [this] { return !Pull(); };
+  Await(name_ + ": the end", ended, [] { return "nothing"; });
+  Check(unread_.empty(), name_ + ": came before the end: " + testing::PrintToString(unread_));
 }
 
 void WriteConfig(const CONFIG& config) {
@@ -335,11 +248,10 @@ STAGE::STAGE() {
   // Orphans come to this process: so it learns how a daemon ends.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   mkdir(kPidDirectory, 0755);
-  mkdir(kStubDirectory, 0755);
   for (const char* left : {kPidFile, kConfigFile, kOutputFile, kErrorFile}) unlink(left);
-  const std::string stub = std::string(kStubDirectory) + "/sleep";
-  WriteFile(stub, kSleepStub);
-  chmod(stub.c_str(), 0755);
+  mkdir("/run/shortened", 0755);
+  WriteFile(kSleepStub, kShortened);
+  chmod(kSleepStub, 0755);
 }
 
 STAGE::~STAGE() {
@@ -349,36 +261,35 @@ STAGE::~STAGE() {
   }
 }
 
-void STAGE::Launch(PACE pace) {
+void STAGE::Launch() {
   const pid_t pid = fork();
   if (pid == 0) {
     RedirectTo(kOutputFile, STDOUT_FILENO);
     RedirectTo(kErrorFile, STDERR_FILENO);
     close_range(STDERR_FILENO + 1, ~0U, 0);  // what the caller of this program has left open
-    const std::string path = std::string(kStubDirectory) + ":" + getenv("PATH");
-    if (pace == PACE::kShortened) setenv("PATH", path.c_str(), 1);
+    setenv("PATH", (std::string("/run/shortened:") + getenv("PATH")).c_str(), 1);
     Execute(TALP_PROGRAM, {});
   }
   ExpectEnd(pid, W_EXITCODE(0, 0));
 }
 
-pid_t STAGE::LaunchDaemon(PACE pace) {
-  Launch(pace);
+pid_t STAGE::LaunchDaemon() {
+  const std::string before = ReadFile(kPidFile);
+  Launch();
   pid_t daemon = 0;
   const auto written = [&] {
     const std::string content = ReadFile(kPidFile);
     daemon = std::atoi(content.c_str());
-    return daemon > 0 && content == std::to_string(daemon) && IsChild(daemon) &&
-           std::count(daemons_.begin(), daemons_.end(), daemon) == 0;
+    return content != before && daemon > 0 && content == std::to_string(daemon);
   };
   Await("PID file", written, [] { return ReadFile(kPidFile); });
   daemons_.push_back(daemon);
   return daemon;
 }
 
-pid_t STAGE::Start(const CONFIG& config, PACE pace) {
+pid_t STAGE::Start(const CONFIG& config) {
   WriteConfig(config);
-  const pid_t daemon = LaunchDaemon(pace);
+  const pid_t daemon = LaunchDaemon();
   log.Expect({"[INF] talp is started", "[INF] CAE interface listening on port 5001",
               "[INF] IO interface listening on port 5002",
               "[INF] MON interface listening on port 5003"});
@@ -405,27 +316,20 @@ void STAGE::StopAll() {
   while (!daemons_.empty()) Stop(daemons_.front(), SIGTERM);
 }
 
-CARD_BUS* STAGE::AddBus(const LINES& options) { return &buses_.emplace_back(options); }
-
 void Play(const std::function<void(STAGE& stage)>& scenario) {
   // What is written below belongs to the sandbox, and only there.
   ASSERT_EQ(access("/.etc", F_OK), 0) << "to be run by talp-sandbox";
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     std::string failure;
-    bool disturbed = false;
-    {
-      STAGE stage;
-      try {
-        scenario(stage);
-        disturbed = stage.log.Has("comm timeout");
-        if (!disturbed) stage.StopAll();
-      } catch (const FAILURE& what) {
-        failure = what.what();
-        disturbed = stage.log.Has("comm timeout");
-      }
+    STAGE stage;
+    try {
+      scenario(stage);
+      if (!stage.log.Has("comm timeout")) stage.StopAll();
+    } catch (const FAILURE& what) {
+      failure = what.what();
     }
     EXPECT_EQ(ReadFile(kErrorFile), "") << "on the daemon's standard error";
-    if (!disturbed) {
+    if (!stage.log.Has("comm timeout")) {
       if (!failure.empty()) ADD_FAILURE() << failure;
       return;
     }

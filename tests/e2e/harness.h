@@ -3,11 +3,11 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <functional>
 #include <list>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace e2e {
@@ -15,6 +15,8 @@ namespace e2e {
 constexpr char kConfigFile[] = "/etc/talp/talpconf.xml";
 constexpr char kPidDirectory[] = "/run/talp";
 constexpr char kPidFile[] = "/run/talp/talp.pid";
+// In its place the daemon's pauses of two and three seconds take a tenth.
+constexpr char kSleepStub[] = "/run/shortened/sleep";
 constexpr char kOutputFile[] = "/run/talp.stdout";  // of all daemons of the scenario
 
 using LINES = std::vector<std::string>;
@@ -39,26 +41,38 @@ void Await(const std::string& what, const std::function<bool()>& condition,
 // What comes in on a descriptor, which it owns.
 class SOURCE {
  public:
-  SOURCE(const std::string& name, int descriptor);
-  ~SOURCE();
   SOURCE(const SOURCE&) = delete;
   SOURCE& operator=(const SOURCE&) = delete;
 
  protected:
-  // Takes in what has arrived. Does not wait.
-  void Pull();
-  // Takes the first line off, without its end. False if no whole line has arrived.
-  bool TakeLine(const std::string& lineEnd, std::string* line);
-  void AwaitInput(const std::string& what, const std::function<bool()>& condition);
+  explicit SOURCE(const std::string& name) : name_(name) {}
+  ~SOURCE();
+  void Watch(int descriptor);
+
+  // Takes in what has arrived, and does not wait. False at the end.
+  bool Pull();
 
   const std::string name_;
-  const int descriptor_;
+  int descriptor_ = -1;
   std::string unread_;
-  bool ended_ = false;
 };
 
-// The daemon's log. Lines are given and kept without their time, which is checked for its form.
-class LOG : public SOURCE {
+// The lines that come in, each without its first `prefix` characters.
+class LINE_SOURCE : public SOURCE {
+ protected:
+  LINE_SOURCE(const std::string& name, size_t prefix) : SOURCE(name), prefix_(prefix) {}
+
+  void PullLines();
+
+  // Waits for the line, at the place `from` or behind, and returns where it is.
+  LINES::iterator AwaitLine(const std::string& line, std::ptrdiff_t from = 0);
+
+  const size_t prefix_;
+  LINES lines_;
+};
+
+// The daemon's log, without the time.
+class LOG : public LINE_SOURCE {
  public:
   LOG();
 
@@ -69,16 +83,10 @@ class LOG : public SOURCE {
 
   // Whether a line that nobody expected contains the text.
   bool Has(const std::string& text);
-
- private:
-  void PullLines();
-  bool TakeInOrder(const LINES& wanted);
-
-  LINES lines_;
 };
 
 // A simulated card bus. Its end with another status than 0 fails the test.
-class CARD_BUS : public SOURCE {
+class CARD_BUS : public LINE_SOURCE {
  public:
   // The options of talp-cardsim. The bus answers when this returns.
   explicit CARD_BUS(const LINES& options);
@@ -94,22 +102,14 @@ class CARD_BUS : public SOURCE {
   void ExpectLine(const std::string& line);
 
  private:
-  using PROCESS = std::pair<pid_t, int>;  // its id, and its standard input and output
-  static PROCESS Start(const LINES& options);
-  explicit CARD_BUS(const PROCESS& process);
-  bool PullLines();
-
-  const pid_t pid_;
-  LINES lines_;
+  pid_t pid_ = 0;
 };
 
 // A client of the interface "CAE", "IO" or "MON".
 class CLIENT : public SOURCE {
  public:
-  // Connects, and expects the log's line about it and the banner, behind what is left over for it.
-  // `receiveBuffer` in bytes, 0 for the system's choice.
-  CLIENT(LOG* log, const std::string& interface, const std::string& leftOver = "",
-         int receiveBuffer = 0);
+  // Connects, and expects the banner, behind what is left over for it.
+  explicit CLIENT(const std::string& interface, const std::string& leftOver = "");
 
   // In one packet.
   void Send(const std::string& bytes);
@@ -120,25 +120,14 @@ class CLIENT : public SOURCE {
   // Sends a console line, without its separator, and expects the answer lines.
   void Ask(const std::string& line, const LINES& answers);
 
-  // The next console lines, without their separators.
-  LINES Take(size_t count);
-
   // The daemon closes the connection and sends nothing more before.
   void ExpectEnd();
-
-  // Waits until something has arrived, and leaves it unread.
-  void AwaitUnread();
 };
 
 struct CONFIG {
   int caePort = 5001;
   bool poll = false;  // what polls for long gives the machine many a chance to be late
   std::string ioOutSeparator = "\\r\\n";
-};
-
-enum class PACE {
-  kShortened,  // pauses of two and three seconds take a tenth
-  kReal
 };
 
 // What a scenario plays on: a fresh log and no daemon. Ends the daemons that are left.
@@ -148,13 +137,13 @@ class STAGE {
   ~STAGE();
 
   // Runs the program and expects its foreground process to end with status 0.
-  void Launch(PACE pace = PACE::kShortened);
+  void Launch();
 
   // The same, until the background process has written its id to the PID file.
-  pid_t LaunchDaemon(PACE pace = PACE::kShortened);
+  pid_t LaunchDaemon();
 
   // The same with this configuration, until the interfaces listen.
-  pid_t Start(const CONFIG& config = CONFIG(), PACE pace = PACE::kShortened);
+  pid_t Start(const CONFIG& config = CONFIG());
 
   // The process, of whose id any will do for -1, ends with this status, as wait(2) gives it.
   void ExpectEnd(pid_t pid, int status);
@@ -163,7 +152,7 @@ class STAGE {
   void Stop(pid_t daemon, int signal);
   void StopAll();
 
-  CARD_BUS* AddBus(const LINES& options);
+  CARD_BUS* AddBus(const LINES& options) { return &buses_.emplace_back(options); }
 
   LOG log;
 

@@ -59,9 +59,9 @@ TEST(EndToEnd, Start) {
     close(syslog);
     // The priority, user and notice, stands before the time, which is not compared.
     EXPECT_EQ(std::string(notice, 4), "<13>");
-    const std::string text = " talp: Unable to start by user " + std::to_string(getuid()) +
-                             ", because unable to load config, or unable to parse XML file!";
-    EXPECT_EQ(std::string(notice).substr(strlen("<13>Nov 22 10:00:00")), text);
+    EXPECT_EQ(std::string(notice).substr(strlen("<13>Nov 22 10:00:00")),
+              " talp: Unable to start by user " + std::to_string(getuid()) +
+                  ", because unable to load config, or unable to parse XML file!");
 
     CONFIG config;
     config.caePort = 1024;
@@ -72,7 +72,9 @@ TEST(EndToEnd, Start) {
                       "[INF] talp is stopped with error"});
     EXPECT_FALSE(stage.log.Has("["));
 
-    // A stale PID file is longer than what replaces it.
+    // A stale PID file is longer than what replaces it. A device's name too long for the listing is
+    // read as two wrong ones.
+    WriteFile("/dev/ttyUSB100", "");
     WriteFile(kPidFile, "99999999 stale\n");
     WriteConfig(CONFIG());
     daemon = stage.LaunchDaemon();
@@ -82,6 +84,9 @@ TEST(EndToEnd, Start) {
          "[INF] CAE interface listening on port 5001", "[INF] IO interface listening on port 5002",
          "[INF] MON interface listening on port 5003"});
     stage.log.ExpectLine("[INF] CAE interface is waiting for incoming connection");
+    stage.log.Expect({"[ERR] unable to  open /dev/ttyUSB10 for hardware communication",
+                      "[ERR] unable to  open /dev/ for hardware communication"});
+    unlink("/dev/ttyUSB100");
     stage.log.ExpectLine("[ERR] ttyUSB devices couldn't be found");
 
     // A second one takes over the PID file, and finds its ports taken.
@@ -92,7 +97,7 @@ TEST(EndToEnd, Start) {
                       "[INF] IO interface listening on port 5002"});
     kill(second, SIGTERM);
     stage.Stop(second, SIGTERM);
-    CLIENT io(&stage.log, "IO");
+    CLIENT io("IO");
     EXPECT_EQ(ReadFile(kPidFile), std::to_string(second));
   });
 }
@@ -123,13 +128,13 @@ TEST(EndToEnd, Bus) {
     CARD_BUS* const bus = stage.AddBus(kAllCards);
     stage.Start();
     stage.log.Expect(HardwareFound(kBus));
-    CLIENT cae(&stage.log, "CAE");
-    CLIENT io(&stage.log, "IO");
+    CLIENT cae("CAE");
+    CLIENT io("IO");
     ExpectDiscovery(&cae, bus);
     DriveOutputs(&io, bus);
 
     // A monitor sees what is typed as it is typed, and reads are cut at 255 bytes and at a NUL.
-    CLIENT mon(&stage.log, "MON");
+    CLIENT mon("MON");
     const auto bothExpect = [&mon](CLIENT* client, const std::string& line) {
       client->Expect(line + "\r\n\r");
       mon.Expect(line + "\r\n\r");
@@ -179,7 +184,7 @@ TEST(EndToEnd, Bus) {
     bus->ExpectLine("rx 03 20 03 02");
     cae.Ask("DISABLEPOLL", {"CIA: GLOBAL POLLING IS DISABLED", ">"});
     stage.log.ExpectLine("[INF] IO interface listening on port 5002");
-    CLIENT next(&stage.log, "IO");
+    CLIENT next("IO");
     bus->Type("set 8 0 2A");
     cae.Ask("ENABLEPOLL", {"CIA: GLOBAL POLLING IS ENABLED", ">"});
     bothExpect(&next, "a8b0d2A");
@@ -189,15 +194,6 @@ TEST(EndToEnd, Bus) {
 
 TEST(EndToEnd, Link) {
   Play([](STAGE& stage) {
-    // A name too long for the listing is read as two wrong ones.
-    WriteFile("/dev/ttyUSB100", "");
-    pid_t daemon = stage.Start();
-    stage.log.Expect({"[ERR] unable to  open /dev/ttyUSB10 for hardware communication",
-                      "[ERR] unable to  open /dev/ for hardware communication"});
-    unlink("/dev/ttyUSB100");
-    stage.log.ExpectLine("[ERR] ttyUSB devices couldn't be found");
-    stage.Stop(daemon, SIGTERM);
-
     // Of two adapters the first is silent.
     CONFIG polling;
     polling.poll = true;
@@ -206,7 +202,7 @@ TEST(EndToEnd, Link) {
         {"--link", "/dev/ttyUSB1", "--version-text", "2.07", "--frames", "--card=2=analog"});
     const LINES silentTried = {"[INF] try to catch hardware on /dev/ttyUSB0",
                                "[INF] comm timeout /dev/ttyUSB0"};
-    daemon = stage.Start(polling);
+    stage.Start(polling);
     stage.log.Expect(silentTried);
     stage.log.Expect(HardwareFound("/dev/ttyUSB1"));
     bus->ExpectNext({"rx 03 40 6F 9A", "tx 05 40 32 2E 30 37", "rx 01 30",
@@ -217,7 +213,6 @@ TEST(EndToEnd, Link) {
     stage.log.ExpectLine("[INF] comm timeout /dev/ttyUSB1");
     stage.log.Expect(silentTried);
     stage.log.Expect(HardwareFound("/dev/ttyUSB1"));
-    bus->ExpectLine("rx 01 30");
     bus->ExpectLine("rx 06 20 02 06 20 02 06");
 
     // A reply that promises too much is none. The first adapter is gone now.
@@ -244,189 +239,71 @@ TEST(EndToEnd, Link) {
   });
 }
 
-struct CARD_COMMAND {
-  std::string line;  // with @ for the address
-  char address;
-  const char* frame;
-  LINES success;
-  const char* failure;
-  const char* kindError;
-};
-
-const char* const kLcdOnly = "CIE: THIS COMMAND IS VALID FOR LCD CONTROL CARD ONLY";
-const char* const kAnalogOnly = "CIE: THIS COMMAND IS VALID ON ANALOG INPUT CARD ONLY";
-const char* const kServoOnly = "CIE: THIS COMMAND IS VALID ON SERVO CONTROLLER CARD ONLY";
-const char* const kServoLegal = "CIE: THIS COMMAND IS LEGAL ON SERVO CONTROLLER CARD ONLY";
-const char* const kMotorOnly = "CIE: THIS COMMAND IS VALID ON DC MOTOR CONTROLLER CARD ONLY";
-
-// clang-format off
-const CARD_COMMAND kCardCommands[] = {
-    {"LCDSELFTEST:@=ON", 'E', "rx 05 50 0E 01 01 FF",
-     {"CIA: SELFTEST STATE IS SET TO ON at address E"}, "CIE: STATE WRITE ERROR", kLcdOnly},
-    {"LCDINITLIGHT:@=OF", 'E', "rx 05 50 0E 01 02 00",
-     {"CIA: INITLIGHT STATE IS SET TO OFF at address E"}, "CIE: STATE WRITE ERROR", kLcdOnly},
-    {"REBOOT:@", '5', "rx 04 50 05 01 AB", {"CIA: Card is REBOOTED", "RBT:0x5:OK"},
-     "CIE: BUS WRITE ERROR", nullptr},
-    {"SETANMASK:@=3F", 'F', "rx 05 50 0F 01 01 3F",
-     {"CIA: Channel MASK of the card is SET", "AMS:0xF:0x3F"},
-     "CIE: MASK WRITE ERROR", kAnalogOnly},
-    {"GETANMASK:@", 'F', "rx 04 50 0F 40 01", {"CIA: MASK is GOT from card", "AMV:0xF:0x2A"},
-     "CIE: MASK READ ERROR", kAnalogOnly},
-    {"STOREANMASK:@", 'F', "rx 04 50 0F 01 02", {"CIA: MASK IS STORED at address F"},
-     "CIE: MASK STORE ERROR", kAnalogOnly},
-    {"STORESRVPOS:@", '0', "rx 04 50 00 01 74", {"CIA: POSITIONS ARE STORED at address 0"},
-     "CIE: POSITION STORING ERROR", kServoOnly},
-    {"MOVESTRPOS:@", '0', "rx 04 50 00 01 3F",
-     {"CIA: SERVOS ARE MOVED TO STORED POSITIONS at address 0"},
-     "CIE: POSITIONS MOVING ERROR", kServoLegal},
-    {"SETSCB3:@=80", '0', "rx 05 50 00 01 D3 80",
-     {"CIA: SERVO PARAM of the card is SET", "SPS:0x0:SCB3:0x80"},
-     "CIE: PARAM WRITE ERROR", kServoOnly},
-    {"GETSCA3:@", '0', "rx 04 50 00 40 24",
-     {"CIA: SERVO PARAM is GOT from card", "SPG:0x0:SCA3:0x33"},
-     "CIE: PARAM READ ERROR", kServoOnly},
-    {"SETMSR1:@=20", '4', "rx 05 50 04 01 C1 20",
-     {"CIA: MSR value of the card is SET", "MPS:0x4:MSR1:0x20"},
-     "CIE: PARAM WRITE ERROR", kMotorOnly},
-    {"GETMSR1:@", '4', "rx 04 50 04 40 02", {"CIA: MSR value is GOT from card", "MSR1:0x4:0x11"},
-     "CIE: PARAM READ ERROR", kMotorOnly},
-    {"STOREMSRS:@", '4', "rx 04 50 04 01 CD", {"CIA: MSR values are STORED at address 4"},
-     "CIE: MSR STORING ERROR", kMotorOnly},
-};
-// clang-format on
-
-void RunCardCommand(const CARD_COMMAND& command, CLIENT* cae, CARD_BUS* bus) {
-  const auto at = [&command](char address) {
-    std::string line = command.line;
-    std::replace(line.begin(), line.end(), '@', address);
-    return line;
-  };
-  LINES success = command.success;
-  success.push_back(">");
-  cae->Ask(at(command.address), success);
-  bus->ExpectLine(command.frame);
-  bus->Type("fault notq");
-  cae->Ask(at(command.address), {command.failure, ">"});
-  bus->ExpectLine(command.frame);
-  if (command.kindError != nullptr) cae->Ask(at('5'), {command.kindError, ">"});
-}
-
-LINES DiscoverList(const std::string& title, const std::string& at5, const std::string& at6) {
-  const std::string e = "EMPTY";
-  // clang-format off
-  const std::string names[] = {
-      "6 channel RC SERVO CONTROLLER", e, e, "16 channel DIGITAL INPUT",
-      "3 channel DC MOTOR CONTROLLER", at5, at6, e, "KEYMX and ROTE CONTROLLER",
-      "IR REMOTE CONTROLLER", e, e, e, e, "ALPHANUMERIC LCD CONTROLLER",
-      "6 channel ANALOGUE INPUT"};
-  // clang-format on
-  LINES lines = {title};
-  for (const std::string& name : names) {
-    lines.push_back(std::string("DTI:0x") + "0123456789ABCDEF"[&name - names] + ":" + name);
-  }
-  lines.push_back(">");
-  return lines;
-}
-
-void AskDriver(CLIENT* cae, CLIENT* io, CARD_BUS* bus) {
+// Byte for byte what a console's user sees.
+void HoldSession(CLIENT* cae, CLIENT* io, CARD_BUS* bus) {
   cae->Send("DRVVER\r\n");
   cae->Expect("CIA: DRIVER VERSION 1.20\r\n\r>\r\n\r");
   cae->Send("drvver\r\n");
   cae->Expect("CIE: UNKNOWN COMMAND \r\n>\r\n\r");
-  cae->Ask("DISCOVER", DiscoverList("DISCOVER LIST:", "16 channel DIGITAL OUTPUT", "EMPTY"));
-  bus->Type("card 5 02\ncard 6 unknown");
-  cae->Ask("FORCEDISCOVER", DiscoverList("FORCED DISCOVER LIST:", "UNIDENTIFIED", "CARD?"));
-  bus->Type("card 5 dout\ncard 6 none");
+  bus->Type("card 1 02\ncard 6 unknown");
   cae->Ask("ENABLEPOLL", {"CIA: GLOBAL POLLING IS ENABLED", ">"});
-  cae->Ask("FORCEDISCOVER",
-           DiscoverList("FORCED DISCOVER LIST:", "16 channel DIGITAL OUTPUT", "EMPTY"));
-
+  cae->Send("FORCEDISCOVER\r\n");
+  cae->Expect(
+      "FORCED DISCOVER LIST:\r\n\rDTI:0x0:6 channel RC SERVO CONTROLLER\r\n\r"
+      "DTI:0x1:UNIDENTIFIED\r\n\rDTI:0x2:EMPTY\r\n\rDTI:0x3:16 channel DIGITAL INPUT\r\n\r"
+      "DTI:0x4:3 channel DC MOTOR CONTROLLER\r\n\rDTI:0x5:16 channel DIGITAL OUTPUT\r\n\r"
+      "DTI:0x6:CARD?\r\n\rDTI:0x7:EMPTY\r\n\rDTI:0x8:KEYMX and ROTE CONTROLLER\r\n\r"
+      "DTI:0x9:IR REMOTE CONTROLLER\r\n\rDTI:0xA:EMPTY\r\n\rDTI:0xB:EMPTY\r\n\r"
+      "DTI:0xC:EMPTY\r\n\rDTI:0xD:EMPTY\r\n\rDTI:0xE:ALPHANUMERIC LCD CONTROLLER\r\n\r"
+      "DTI:0xF:6 channel ANALOGUE INPUT\r\n\r>\r\n\r");
   bus->Type("set 3 0 40");
   io->Expect("a3b0d40\r\n\r");
-  cae->Ask("POLLSTATE",
-           {"CIA: GLOBAL POLLING IS ENABLED", "PTI:0x3:ON", "PTI:0x8:ON", "PTI:0xF:ON", ">"});
   cae->Ask("DISABLEPOLL", {"CIA: GLOBAL POLLING IS DISABLED", ">"});
-  cae->Ask("POLLON:3 POLLOFF:3",
-           {"CIA: POLLON is OK at address 3", "CIA: POLLOFF is OK at address 3", ">"});
-  cae->Ask("POLLSTATE",
-           {"CIA: GLOBAL POLLING IS DISABLED", "PTI:0x3:OFF", "PTI:0x8:ON", "PTI:0xF:ON", ">"});
-  cae->Ask("POLLON:5", {"CIE: THIS COMMAND IS VALID ON INPUT CARDS", ">"});
   cae->Ask("GETLASTINPST:3=0", {"CIA: LAST INPUT STATE SENT ON IO INTERFACE", ">"});
   io->Expect("a3b0d40\r\n\r");
-  cae->Ask("GETLASTINPST:3=2", {"CIE: INVALID BLOCK NUMBER", ">"});
-  cae->Ask("GETLASTINPST:8=0",
-           {"CIE: THIS COMMAND IS VALID ON ANALOG OR DIGITAL INPUT CARD ONLY", ">"});
-  for (const char* speed : {"0", "101", "fast"}) {
-    cae->Ask(std::string("SPEED=") + speed, {"CIE: Parameter is out of range (1..100)", ">"});
-  }
   cae->Ask("SPEED=75", {"CIA: SPEED IS SET to 75%", ">"});
 
-  cae->Send("HELP\r\n");
-  const LINES lines = cae->Take(70);
-  EXPECT_EQ(lines.front(), "TALP quick HELP:");
-  EXPECT_EQ(lines[68], "***** END OF IO INTERFACE COMMAND LIST *****");
-  EXPECT_EQ(lines.back(), ">");
-  cae->Send("IOEXAMPLES\r\n");
-  const LINES examples = cae->Take(23);
-  EXPECT_EQ(examples.front(), "BLOCK DEVICE OUTPUT EXAMPLES:");
-  EXPECT_EQ(examples.back(), ">");
-}
-
-// One card after the other, each on a stage of its own: a second of silence before every exchange
-// makes a busy machine late more often than a stream of polls does.
-TEST(EndToEnd, CardCommands) {
-  for (const char card : {'E', '5', 'F', '0', '4'}) {
-    Play([card](STAGE& stage) {
-      CARD_BUS* const bus = stage.AddBus(kAllCards);
-      stage.Start();
-      CLIENT cae(&stage.log, "CAE");
-      ExpectDiscovery(&cae, bus);
-      bus->Type("answer F 2A\nanswer 0 33\nanswer 4 11");
-      for (const CARD_COMMAND& command : kCardCommands) {
-        if (command.address == card) RunCardCommand(command, &cae, bus);
-      }
-    });
-  }
+  bus->Type("answer F 2A");
+  cae->Ask("GETANMASK:F", {"CIA: MASK is GOT from card", "AMV:0xF:0x2A", ">"});
+  bus->ExpectLine("rx 04 50 0F 40 01");
+  bus->Type("fault notq");
+  cae->Ask("SETMSR1:4=20", {"CIE: PARAM WRITE ERROR", ">"});
+  bus->ExpectLine("rx 05 50 04 01 C1 20");
+  bus->Type("fault lost on direct");
+  cae->Ask("REBOOT:5", {"CIE: BUS WRITE ERROR", ">"});
+  cae->Ask("EXIT", {"TALP: Bye Bye..."});
+  cae->ExpectEnd();
 }
 
 TEST(EndToEnd, Console) {
   Play([](STAGE& stage) {
+    unlink(kSleepStub);
     CARD_BUS* const bus = stage.AddBus(kAllCards);
-    stage.Start(CONFIG(), PACE::kReal);
-    CLIENT io(&stage.log, "IO");
+    stage.Start();
+    CLIENT io("IO");
     {
-      CLIENT cae(&stage.log, "CAE");
+      CLIENT cae("CAE");
       ExpectDiscovery(&cae, bus);
-      AskDriver(&cae, &io, bus);
-      bus->Type("fault lost on direct");
-      cae.Ask("REBOOT:5", {"CIE: BUS WRITE ERROR", ">"});
-      stage.log.Expect(
-          {"[INF] comm timeout /dev/ttyUSB0", "[INF] try to catch hardware on /dev/ttyUSB0"});
-      cae.Ask("EXIT", {"TALP: Bye Bye..."});
-      cae.ExpectEnd();
+      HoldSession(&cae, &io, bus);
     }
+    stage.log.Expect(
+        {"[INF] comm timeout /dev/ttyUSB0", "[INF] try to catch hardware on /dev/ttyUSB0"});
     stage.log.Expect({"[INF] connection is closed by command on CAE interface",
                       "[INF] CAE interface listening on port 5001"});
     // The prompt of the last command waits for the next client, and so does what the IO client gets
     // wrong meanwhile. The banner comes behind both.
     io.Send("nonsense\r\na5b0d00\r\n");
     bus->ExpectLine("out 5 dout b0=00 b1=FF");
-    CLIENT cae(&stage.log, "CAE", ">\r\n\rCOE:Illegal command -> nonsense\r\n\r>\r\n\r");
-    cae.Ask("VALAMI", {"CIE: UNKNOWN COMMAND \r\n>"});
+    CLIENT cae("CAE", ">\r\n\rCOE:Illegal command -> nonsense\r\n\r>\r\n\r");
     EXPECT_FALSE(stage.log.Has("[ERR]"));
   });
 }
 
-// The threads of a process, and its descriptors above the standard ones that an executed program
-// would inherit.
-void ExpectThreadsAndDescriptors(pid_t daemon) {
-  const std::string process = "/proc/" + std::to_string(daemon);
-#ifndef __SANITIZE_THREAD__  // which adds threads of its own
-  using THREADS = std::filesystem::directory_iterator;
-  EXPECT_EQ(std::distance(THREADS(process + "/task"), THREADS()), 5);
-#endif
+// Those above the standard ones would be inherited by an executed program.
+void ExpectDescriptorsClosedOnExec(pid_t daemon) {
   int descriptors = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(process + "/fdinfo")) {
+  for (const auto& entry :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(daemon) + "/fdinfo")) {
     if (std::atoi(entry.path().filename().c_str()) <= STDERR_FILENO) continue;
     const std::string info = ReadFile(entry.path());
     const size_t flags = info.find("flags:");
@@ -442,31 +319,30 @@ TEST(EndToEnd, Stop) {
     CARD_BUS* const bus = stage.AddBus(kAllCards);
     pid_t daemon = stage.Start();
     {
-      CLIENT cae(&stage.log, "CAE");
-      CLIENT io(&stage.log, "IO");
-      CLIENT mon(&stage.log, "MON");
+      CLIENT cae("CAE");
+      CLIENT io("IO");
+      CLIENT mon("MON");
       ExpectDiscovery(&cae, bus);
-      ExpectThreadsAndDescriptors(daemon);
+      ExpectDescriptorsClosedOnExec(daemon);
       stage.Stop(daemon, SIGINT);
       for (CLIENT* const client : {&cae, &io, &mon}) client->ExpectEnd();
     }
 
     // An IO client that never reads holds up its own interface and nothing else: the first line,
     // with a separator larger than what the connection buffers, blocks the task in its write.
-    WriteFile("/proc/sys/net/ipv4/tcp_wmem", "4096 4096 4096");
+    for (const char* buffer : {"tcp_wmem", "tcp_rmem"}) {
+      WriteFile(std::string("/proc/sys/net/ipv4/") + buffer, "4096 4096 4096");
+    }
     CONFIG config;
     config.ioOutSeparator = std::string(1 << 18, '-');
     daemon = stage.Start(config);
     {
-      CLIENT io(&stage.log, "IO", "", 2048);
-      CLIENT cae(&stage.log, "CAE");
+      CLIENT io("IO");
+      CLIENT cae("CAE");
       ExpectDiscovery(&cae, bus);
       cae.Ask("GETLASTINPST:3=0", {"CIA: LAST INPUT STATE SENT ON IO INTERFACE", ">"});
-      io.AwaitUnread();
       cae.Ask("EXIT", {"TALP: Bye Bye..."});
       cae.ExpectEnd();
-      stage.log.Expect({"[INF] connection is closed by command on CAE interface",
-                        "[INF] CAE interface listening on port 5001"});
       stage.Stop(daemon, SIGTERM);
     }
 

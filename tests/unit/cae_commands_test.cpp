@@ -51,19 +51,20 @@ class BENCH {
  private:
   std::string Trial(int kind, const std::string& line) {
     SetKinds(kind);
-    const std::string answered = Run(line + "\r\n");
+    std::string told = Run(line + "\r\n");
     cardAnswers_ = false;
-    const std::string silent = Run(line + "\r\n");
+    told += " " + Run(line + "\r\n");
     SetKinds(10);
-    const std::string other = Run(line + "\r\n");
+    told += " " + Run(line + "\r\n");
     cardAnswers_ = true;
-    return answered + " " + silent + " " + other;
+    return told;
   }
 
-  void Note() {
+  void Note(const std::string& then = "") {
     while (!answers_.IsEmpty()) told_ += "|" + TextOf(answers_.DeQueue());
     while (!input_.IsEmpty()) told_ += "|IO " + TextOf(input_.DeQueue());
     EXPECT_TRUE(bus_.IsEmpty());
+    told_ += then;
   }
 
   void Discover(const std::string& kinds) {
@@ -81,27 +82,23 @@ class BENCH {
     ApplyDirectAnswer({'Q', address, 0x40, 0xA7}, &table_.cards[address]);
   }
 
-  void Close() {
-    Note();
-    told_ += "|close";
-  }
-
   CARD_TABLE table_;
   TLQUEUE answers_, bus_, input_;
   SHARED<bool> polling_ = true;
   SHARED<int> delays_[5];
   bool cardAnswers_ = true;
   std::string told_;
-  CAE_CONSOLE console_{{&table_,
-                        &answers_,
-                        &bus_,
-                        &input_,
-                        &polling_,
-                        {&delays_[0], &delays_[1], &delays_[2], &delays_[3], &delays_[4]},
-                        "\r\n",
-                        "~",
-                        [this](int seconds) { Wait(seconds); },
-                        [this] { Close(); }}};
+  CAE_CONSOLE console_{
+      CAE_CONTEXT{&table_,
+                  &answers_,
+                  &bus_,
+                  &input_,
+                  &polling_,
+                  {&delays_[0], &delays_[1], &delays_[2], &delays_[3], &delays_[4]},
+                  "\r\n",
+                  "~",
+                  [this](int seconds) { Wait(seconds); },
+                  [this] { Note("|close"); }}};
 };
 
 TEST(CaeCommands, Dialogues) {
