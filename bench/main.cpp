@@ -1,7 +1,6 @@
 #include <stdlib.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -25,13 +24,6 @@ struct OPTIONS {
   bool isShort = false;
 };
 
-// The daemon asks for a slack of its own where a pause is shorter than the system's.
-long SlackOfPause(int speed, const OPTIONS& options) {
-  constexpr long kLeastSlack = 10000;
-  const long pause = 1000L * bench::DelayOf(speed);
-  return pause < bench::kSystemTimerSlack ? std::max(pause, kLeastSlack) : options.timerSlack;
-}
-
 double LoadAverage() {
   double load = 0;
   return getloadavg(&load, 1) == 1 ? load : -1;
@@ -43,7 +35,7 @@ bench::FIGURES Measure(const OPTIONS& options) {
   figures.loadBefore = LoadAverage();
   for (const int speed : options.speeds) {
     figures.pauses[speed] =
-        bench::MeasurePauses(bench::DelayOf(speed), SlackOfPause(speed, options), extent.pauses);
+        bench::MeasurePauses(bench::DelayOf(speed), options.timerSlack, extent.pauses);
   }
   figures.raisedPriority = bench::RaisePriority();
   for (const int cards : extent.cards) figures.bare[cards] = MeasureBareLoop(cards, extent);
