@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <iterator>
 #include <string>
 
@@ -88,17 +90,11 @@ class BENCH {
   SHARED<int> delays_[5];
   bool cardAnswers_ = true;
   std::string told_;
-  CAE_CONSOLE console_{
-      CAE_CONTEXT{&table_,
-                  &answers_,
-                  &bus_,
-                  &input_,
-                  &polling_,
-                  {&delays_[0], &delays_[1], &delays_[2], &delays_[3], &delays_[4]},
-                  "\r\n",
-                  "~",
-                  [this](int seconds) { Wait(seconds); },
-                  [this] { Note("|close"); }}};
+  const std::function<void(int)> wait_ = [this](int seconds) { Wait(seconds); };
+  const std::array<SHARED<int>*, 5> all_ = {&delays_[0], &delays_[1], &delays_[2], &delays_[3],
+                                            &delays_[4]};
+  CAE_CONSOLE console_{CAE_CONTEXT{&table_, &answers_, &bus_, &input_, &polling_, all_, "\r\n", "~",
+                                   wait_, [this] { Note("|close"); }}};
 };
 
 TEST(CaeCommands, Dialogues) {

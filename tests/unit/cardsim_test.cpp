@@ -50,16 +50,12 @@ TEST(Cardsim, AnswersRequests) {
       {{"", "50 00 01 D5 80", "04 51 00 D5 80; direct 0 SCB5=80"}},
       {{"", "50 00 40 2C", "04 51 00 2C 80; direct 0 SCB5? 80"}},
       {{"", "50 06 40 03", "04 51 06 03 08; direct 6 MSR2? 08"}},
-      {{"answer 6 77", "50 06 40 03", "04 51 06 03 77; direct 6 MSR2? 77"}},
       {{"", "50 05 40 01", "02 4E 05; refused 50 05 40 01: the card knows no such command"}},
       {{"fault lost 1 on poll", "50 05 01 AB", "04 51 05 AB 00; direct 5 reboot"}},
       {{"", "20 03 02", "; fault lost done"}},
       {{"fault split 1 4", "20 03 02", "04/4ms 21 03/8ms 00 FB; fault split done"}},
-      {{"fault long", "20 03 02", "04 21 03 00 FB EE EE EE; fault long done"}},
       {{"fault misaddressed 1 F3", "20 03 02", "04 21 F3 00 FB; fault misaddressed done"}},
       {{"fault empty", "20 03 02", "00; fault empty done"}},
-      {{"fault error 3", "20 03 02",
-        "04 21 03 00 FB; error: fault error [N|forever] HH [on REQUEST]"}},
       {{"set 5 0 00", "20 03 02", "04 21 03 00 FB; error: card 5 has 0 input blocks"}},
   };
   BENCH bench;

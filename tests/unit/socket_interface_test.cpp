@@ -18,10 +18,6 @@ namespace {
 
 constexpr char kBanner[] = "TALP IO interface is ready\r\n\r";
 
-void Pause(int milliseconds) {
-  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
 // A socket with any address of the loopback interface.
 class LOOPBACK_SOCKET {
  public:
@@ -40,7 +36,6 @@ class LOOPBACK_SOCKET {
 
  protected:
   static sockaddr* Generic(sockaddr_in* address) { return reinterpret_cast<sockaddr*>(address); }
-
   const int socket_ = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address_{};
 };
@@ -88,7 +83,7 @@ class SocketInterface : public testing::Test {
 
   void AwaitAccept() {
     ASSERT_TRUE(Create() && Reaches(Accepting));
-    Pause(20);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 
   void ExpectMessage(const std::string& message) {
@@ -99,14 +94,14 @@ class SocketInterface : public testing::Test {
   // Queues messages for a client that does not read until one is not taken any more: the task is
   // blocked in writing the one before.
   void BlockInWriting() {
-    const BYTE_LIST message(200000, 'x');
-    bool taken = true;
-    for (int i = 0; taken && i < 200; ++i) {
-      interface_->outputQueue.ToQueue(message);
-      for (int wait = 0; wait < 300 && !interface_->outputQueue.IsEmpty(); ++wait) Pause(1);
-      taken = interface_->outputQueue.IsEmpty();
+    int waited = 0;
+    for (int i = 0; waited < 300 && i < 200; ++i) {
+      interface_->outputQueue.ToQueue(BYTE_LIST(200000, 'x'));
+      for (waited = 0; waited < 300 && !interface_->outputQueue.IsEmpty(); ++waited) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
     }
-    EXPECT_FALSE(taken);
+    EXPECT_EQ(300, waited);
   }
 
   bool Logged(const std::string& text) {
@@ -148,6 +143,7 @@ TEST_F(SocketInterface, CloseByCommandEndsABlockedWrite) {
   ASSERT_TRUE(Create());
   {
     CLIENT deaf(settings_.port);
+    ASSERT_TRUE(Reaches(Connected));
     BlockInWriting();
     interface_->CloseByCommand();
     EXPECT_TRUE(Reaches(Accepting));
