@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -176,10 +177,15 @@ class CHAOS {
     return static_cast<int>(std::distance(begin(entries), end(entries)));
   }
 
+  // What takes the log's place is exchanged with it: in between, the daemon might open a new one.
   static void SpoilLog(int how) {
-    if (how != 0) fs::rename(kLogFile, std::string(kLogFile) + ".1");  // rotated
-    if (how == 2) fs::create_directory(kLogFile);                      // cannot be written
-    if (how == 3) fs::create_symlink("/dev/full", kLogFile);           // no room on the disk
+    const std::string other = std::string(kLogFile) + ".1";
+    fs::remove_all(other);
+    if (how == 1) fs::rename(kLogFile, other);             // rotated
+    if (how == 2) fs::create_directory(other);             // cannot be written
+    if (how == 3) fs::create_symlink("/dev/full", other);  // no room on the disk
+    if (how < 2) return;
+    Check(renameat2(AT_FDCWD, other.c_str(), AT_FDCWD, kLogFile, RENAME_EXCHANGE) == 0, "no log");
   }
 
   void CheckProcess() const {
