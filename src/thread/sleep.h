@@ -9,7 +9,8 @@ void Sleep(unsigned hundredNanoseconds);
 // sleep for.
 void IdleBetweenPasses(unsigned hundredNanoseconds);
 
-// Pauses the calling thread for `microseconds`. A delay of 0 or less is no pause, only a yield:
+// Pauses the calling thread for `microseconds`. Less than 10 is no sleep: the thread yields the
+// processor and looks at the clock until the time is over. A delay of 0 or less is only the yield:
 // speeds above 100 % give negative delays, which usleep(3) would take for more than an hour.
 void PauseMicroseconds(int microseconds);
 
