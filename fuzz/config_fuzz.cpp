@@ -1,37 +1,49 @@
-// The configuration document, read from a file in memory.
+// The configuration document: what the daemon's reader makes of it, and what talp-check says.
 
-#include "core/config.h"
-#include "memory_file.h"
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <set>
+
+#include "check/config_check.h"
+#include "fuzz_input.h"
 
 namespace {
 
-constexpr char kPortError[] = " interface port number is less than 1025";
-
-void CheckInterface(const INTERFACE_DESCRIPTOR& interface, const char* name) {
-  for (const std::string& separator : {interface.inpSeparator, interface.outSeparator}) {
-    Require(separator.find("\\r") == std::string::npos, "no escape is left in a separator");
-    Require(separator.find("\\n") == std::string::npos, "no escape is left in a separator");
-  }
-  Require(interface.state == Idle, "the state is not configured");
-  Require(interface.port == 0 || interface.port > kHighestRefusedPort, "no refused port is stored");
-  Require(interface.name.empty() || interface.name == name, "an entry goes to its own slot");
+// Puts the document into a file that exists in memory only, and returns its path.
+std::string Document(const std::uint8_t* data, std::size_t size) {
+  static const int kFile = memfd_create("talpconf.xml", MFD_CLOEXEC);
+  Require(ftruncate(kFile, 0) == 0 && pwrite(kFile, data, size, 0) == static_cast<ssize_t>(size),
+          "the document is in the file");
+  return "/proc/self/fd/" + std::to_string(kFile);
 }
 
-void CheckConfig(const CONFIG_DESCRIPTOR& config) {
-  const std::string& error = config.errorText;
-  const std::size_t tail = error.size() - std::min(error.size(), sizeof kPortError - 1);
-  Require(error == kNoConfigError || error == kConfigLoadError || error.substr(tail) == kPortError,
-          "the error text is one of three");
-  CheckInterface(config.io, "IO");
-  CheckInterface(config.cae, "CAE");
-  CheckInterface(config.mon, "MON");
-  Require(config.fourth.name.empty() && config.fourth.port == 0, "the fourth slot is never filled");
+// Whether the daemon starts, and listens on every port that it is given.
+bool Serves(const CONFIG_DESCRIPTOR& config) {
+  constexpr int kHighestPort = 65535;
+  bool distinct = true;
+  std::set<int> ports;
+  for (const INTERFACE_DESCRIPTOR* interface : {&config.io, &config.cae, &config.mon}) {
+    Require(interface->inpSeparator.find("\\n") == std::string::npos, "no escape is left");
+    if (interface->port == 0) continue;
+    Require(interface->port > kHighestRefusedPort, "no refused port is stored");
+    distinct = ports.insert(interface->port).second && distinct;
+  }
+  return config.errorText == kNoConfigError && distinct && !ports.empty() &&
+         *ports.rbegin() <= kHighestPort;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const MEMORY_FILE file(data, size);
-  CheckConfig(ReadConfigFile(file.Path().c_str()));
+  const std::string path = Document(data, size);
+  const bool serves = Serves(ReadConfigFile(path.c_str()));
+  bool errors = false;
+  for (const check::FINDING& finding : check::CheckConfig(path)) {
+    // Not one about the port of an entry that another one replaces, or that no interface takes.
+    const bool ofAnyEntry = serves && finding.text.find("above 65535") != std::string::npos;
+    errors = errors || (finding.severity == check::Error && !ofAnyEntry);
+  }
+  Require(errors != serves, "there are errors where the daemon does not serve, and only there");
   return 0;
 }

@@ -5,7 +5,7 @@
 namespace {
 
 constexpr int kAttempts = 150000;
-constexpr int kLongAttempts = 300000;  // discovery and handshake get twice the time, on purpose
+constexpr int kLongAttempts = 300000;  // for discovery and handshake
 
 int AttemptBudget(const BYTE_LIST& request) {
   if (request.empty()) return kAttempts;
@@ -43,15 +43,15 @@ void REPLY_WAIT::Attempt(const char* bytes, long count) {
   ++attempts_;
   if (count <= 0) return;
   const std::size_t room = buffer_.size() - std::min(received_, buffer_.size());
-  const std::size_t kept = std::min(static_cast<std::size_t>(count), room);
-  std::copy_n(bytes, kept, buffer_.begin() + static_cast<std::ptrdiff_t>(buffer_.size() - room));
+  const std::size_t stored = std::min(static_cast<std::size_t>(count), room);
+  std::copy_n(bytes, stored, buffer_.begin() + static_cast<std::ptrdiff_t>(buffer_.size() - room));
   received_ += static_cast<std::size_t>(count);
   if (Complete()) waiting_ = false;
 }
 
 bool REPLY_WAIT::Complete() const {
-  const std::size_t promised = ByteOf(buffer_[0]);
-  return promised <= kMaxReplySize && received_ > promised;
+  const std::size_t announced = ByteOf(buffer_[0]);
+  return announced <= kMaxReplySize && received_ > announced;
 }
 
 BYTE_LIST REPLY_WAIT::Reply() const {

@@ -4,13 +4,14 @@
 #include <array>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #include "core/byte_list.h"
 
 // The card bus wire: a frame is one length byte and that many payload bytes, the same in both
 // directions. Pure rules: nothing here reads, writes or waits. Any thread.
 
-constexpr std::size_t kMaxPayloadSize = 255;  // what one length byte can promise
+constexpr std::size_t kMaxPayloadSize = 255;  // the highest value of the length byte
 constexpr std::size_t kMaxReplySize = 131;    // the longest reply payload that is accepted
 
 // Command bytes, the first payload byte of a request.
@@ -25,15 +26,18 @@ constexpr char kDiscoveryAnswer = '1';
 constexpr char kInputAnswer = '!';
 constexpr char kDirectAnswer = 'Q';
 
+// The payload of a reply, for access by index. The first byte is the reply code.
+using REPLY = std::vector<unsigned char>;
+
 BYTE_LIST DiscoveryRequest();
 BYTE_LIST HandshakeRequest();
 
-// The version in a good handshake reply: the four characters behind the code byte, fewer when the
-// reply is shorter or holds a zero byte.
+// The version in a good handshake reply: the four characters after the code byte, fewer if the
+// reply is shorter or contains a zero byte.
 std::string HandshakeVersion(const BYTE_LIST& reply);
 
-// Replies made up here when the bus gives none. The first one classifies as a good reply, on
-// purpose: a frame without content asks for nothing and breaks nothing.
+// Synthetic replies, where none comes from the bus. GetQListError classifies the reply to an empty
+// request as good, so an empty request does not cost the connection.
 BYTE_LIST EmptyRequestReply();
 BYTE_LIST TimeoutReply();
 
@@ -46,20 +50,20 @@ struct REQUEST_FRAME {
 // Payloads of more than 255 bytes cannot be framed and are cut.
 REQUEST_FRAME BuildRequestFrame(const BYTE_LIST& request);
 
-// One wait for a reply, counted in read attempts: discovery and handshake get 300000, all other
-// requests 150000. The caller reads without a pause while Waiting() and tells every attempt.
+// One wait for a reply. Its timeout is counted in read attempts: 300000 for discovery and
+// handshake, 150000 for all other requests. The caller reads without a pause while Waiting() and
+// passes the result of every attempt to Attempt.
 class REPLY_WAIT {
  public:
   explicit REPLY_WAIT(const BYTE_LIST& request);
 
   bool Waiting() const { return waiting_ && attempts_ < budget_; }
 
-  // Takes the result of one read attempt: `count` bytes, or 0 or less when nothing came.
+  // Takes the result of one read attempt: `count` bytes, or 0 or less if nothing came.
   void Attempt(const char* bytes, long count);
 
-  // The reply's payload. The timeout reply if the reply is incomplete, promises more than
-  // kMaxReplySize bytes, or was completed only by the last attempt of the budget: that edge is
-  // intended.
+  // The reply's payload. The timeout reply if the reply is incomplete, announces more than
+  // kMaxReplySize bytes, or was completed only by the last permitted attempt.
   BYTE_LIST Reply() const;
 
  private:

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <iterator>
 
-#include "bus/frame.h"
 #include "bus/serial_port.h"
 #include "core/sleepsec.h"
 #include "core/speed.h"
@@ -14,10 +13,10 @@
 namespace {
 
 constexpr std::size_t kReadSize = 255;
-constexpr std::size_t kDispatchSize = 100;  // a longer reply is cut; no rule looks that far
+constexpr std::size_t kDispatchSize = 100;  // longer replies are cut; no rule reads that far
 constexpr int kRetryPause = 2;              // seconds
 constexpr int kDiscoveryPause = 1;          // seconds
-constexpr unsigned kSettlePause = 2000;     // 200 microseconds before the handshake, no more
+constexpr unsigned kSettlePause = 2000;     // 200 microseconds
 
 REPLY DispatchedPart(const BYTE_LIST& reply) {
   REPLY part(std::min(reply.size(), kDispatchSize));
@@ -38,20 +37,17 @@ SERIAL_INTERFACE::SERIAL_INTERFACE(const std::string& device, const LOGGER& logg
       cardInput_(cardInput),
       cards_(cards),
       autoDiscover_(autoDiscover) {
-  SetThreadType(IntervalDriven, 1);
+  SetThreadType(ThreadType_t::IntervalDriven, 1);
 }
 
-SERIAL_INTERFACE::~SERIAL_INTERFACE() {
-  Stop();
-  CloseTty();
-}
+SERIAL_INTERFACE::~SERIAL_INTERFACE() { Stop(); }
 
 bool SERIAL_INTERFACE::OnTask() {
   PauseMicroseconds(threadDelay);
-  if (linkState_ == kDisconnected) Connect();
-  if (linkState_ == kLinked) {
+  if (linkState_ == LINK_STATE::kDisconnected) Connect();
+  if (linkState_ == LINK_STATE::kConnected) {
     ServeQueues();
-    // Also after a timeout, so that polling goes on where it was once the link is back.
+    // Also after a timeout, so that polling continues as soon as the link is back.
     if (globalPolling) QueuePolls();
   }
   return true;
@@ -59,7 +55,7 @@ bool SERIAL_INTERFACE::OnTask() {
 
 void SERIAL_INTERFACE::Connect() {
   if (!Init()) {
-    linkState_ = kDisconnected;
+    linkState_ = LINK_STATE::kDisconnected;
     sleepsec(kRetryPause);
   } else if (autoDiscover_) {
     busQueues[kBusCommandQueue].ToQueue(DiscoveryRequest());
@@ -68,12 +64,13 @@ void SERIAL_INTERFACE::Connect() {
 }
 
 bool SERIAL_INTERFACE::Init() {
-  return searchMode_ == kStoredDevice ? InitStoredDevice() : InitFirstAnsweringDevice();
+  return searchMode_ == SEARCH_MODE::kStoredDevice ? InitStoredDevice()
+                                                   : InitFirstAnsweringDevice();
 }
 
 bool SERIAL_INTERFACE::InitStoredDevice() {
   tty_ = OpenSerialDevice(device_);
-  if (tty_ < 0) {
+  if (!tty_.IsOpen()) {
     logger_.LOG(kError, "unable to open " + device_ + " for hardware communication", kLogLevel);
     return false;
   }
@@ -86,8 +83,8 @@ bool SERIAL_INTERFACE::InitFirstAnsweringDevice() {
   for (const std::string& device : devices) {
     device_ = device;
     tty_ = OpenSerialDevice(device_);
-    if (tty_ < 0) {
-      // Two blanks, unlike the message for a stored device, so that the log tells the two apart.
+    if (!tty_.IsOpen()) {
+      // The two blanks distinguish this line from the one for a stored device.
       logger_.LOG(kError, "unable to  open " + device_ + " for hardware communication", kLogLevel);
     } else if (TryOpenDevice()) {
       return true;
@@ -97,11 +94,11 @@ bool SERIAL_INTERFACE::InitFirstAnsweringDevice() {
 }
 
 bool SERIAL_INTERFACE::TryOpenDevice() {
-  linkState_ = kTrying;
-  closeRequested_ = false;  // it was for a tty that is gone
+  linkState_ = LINK_STATE::kTrying;
+  closeRequested_ = false;  // the request was for the previous tty
   const bool answered = SetSerialParams() && HardwareCheck(device_);
-  linkState_ = answered ? kLinked : kDisconnected;
-  if (!answered) CloseTty();
+  linkState_ = answered ? LINK_STATE::kConnected : LINK_STATE::kDisconnected;
+  if (!answered) tty_.Close();
   return answered;
 }
 
@@ -124,7 +121,7 @@ bool SERIAL_INTERFACE::HardwareCheck(const std::string& device) {
       logger_.LOG(kInfo, "comm timeout " + device, kLogLevel);
       return false;
     default:
-      // Whatever answers with an error code is a card bus too, and is taken without a word.
+      // An error code is the answer of a card bus too. Nothing is logged.
       return true;
   }
 }
@@ -132,36 +129,35 @@ bool SERIAL_INTERFACE::HardwareCheck(const std::string& device) {
 BYTE_LIST SERIAL_INTERFACE::Comm2HW(const BYTE_LIST& request) {
   if (closeRequested_) {
     closeRequested_ = false;
-    CloseTty();
+    tty_.Close();
   }
   char bytes[kReadSize];
-  // Stale input is dropped. The result does not matter: the wait below finds out what is wrong.
-  [[maybe_unused]] const ssize_t dropped = read(tty_, bytes, sizeof bytes);
+  // Drops stale input. If the read fails, so do the reads below, and the exchange times out.
+  [[maybe_unused]] const ssize_t dropped = read(tty_.Number(), bytes, sizeof bytes);
   if (request.empty()) return EmptyRequestReply();
   const REQUEST_FRAME frame = BuildRequestFrame(request);
-  if (write(tty_, frame.bytes.data(), frame.size) == -1) {
+  if (write(tty_.Number(), frame.bytes.data(), frame.size) == -1) {
     logger_.LOG(kError, "unable to  write to " + device_, kLogLevel);
   }
   REPLY_WAIT wait(request);
-  while (wait.Waiting()) wait.Attempt(bytes, read(tty_, bytes, sizeof bytes));
+  while (wait.Waiting()) wait.Attempt(bytes, read(tty_.Number(), bytes, sizeof bytes));
   return wait.Reply();
 }
 
 void SERIAL_INTERFACE::mf_SIGhandler(int signal) {
   logger_.LOG(kInfo, "signal " + ITOA(signal) + " on serial interface", kLogLevel);
-  // Closed by the task itself: while the task may be using the descriptor, its number must not
-  // become somebody else's.
+  // The task itself closes the tty: closed here, its number could be reused while the task reads.
   closeRequested_ = true;
 }
 
-// At most one frame of each queue a cycle, so that no queue holds up another.
+// Sends at most one frame of each queue per cycle, so that no queue delays another.
 void SERIAL_INTERFACE::ServeQueues() {
   for (TLQUEUE& queue : busQueues) {
     if (!queue.IsEmpty() && !Serve(&queue)) return;
   }
 }
 
-// False when the link is lost. The frame is gone then: nothing is sent twice.
+// False if the link is lost. The frame is then lost too: nothing is sent twice.
 bool SERIAL_INTERFACE::Serve(TLQUEUE* queue) {
   const BYTE_LIST reply = Comm2HW(queue->DeQueue());
   switch (GetQListError(reply)) {
@@ -170,8 +166,8 @@ bool SERIAL_INTERFACE::Serve(TLQUEUE* queue) {
       return true;
     case kReplyTimeout:
       logger_.LOG(kInfo, "comm timeout " + device_, kLogLevel);
-      CloseTty();
-      linkState_ = kDisconnected;
+      tty_.Close();
+      linkState_ = LINK_STATE::kDisconnected;
       return false;
     default:
       return true;
@@ -182,7 +178,7 @@ void SERIAL_INTERFACE::QueuePolls() {
   MUTEX_GUARD guard(&cards_->lock);
   for (std::size_t address = 0; address < kAddressCount; ++address) {
     const PERIFCARD& card = cards_->cards[address];
-    if (card.cardClass == kInputClass && card.pollEnabled == 1) {
+    if (card.cardClass == CARD_CLASS::kInput && card.pollEnabled) {
       busQueues[address].ToQueue(card.pollFrame);
     }
   }
@@ -196,22 +192,18 @@ void SERIAL_INTERFACE::ApplyReply(const BYTE_LIST& reply) {
   if (code == kDiscoveryAnswer) {
     ApplyDiscoveryAnswer(answer, cards_->cards);
   } else if (address >= 0 && code == kDirectAnswer) {
-    // The change flags stay as they are: the card's last changes are told once more, deliberately.
+    // The change flags stay as they are, so the card's last changes are sent to IO clients again.
     ApplyDirectAnswer(answer, &cards_->cards[address]);
-    WriteToQueue(address);
+    WriteToQueue(answer);
   } else if (address >= 0 && code == kInputAnswer) {
-    if (ApplyInputAnswer(answer, &cards_->cards[address])) WriteToQueue(address);
+    if (ApplyInputAnswer(answer, &cards_->cards[address])) WriteToQueue(answer);
   }
 }
 
-// The caller holds the card table's lock.
-void SERIAL_INTERFACE::WriteToQueue(int address) {
+void SERIAL_INTERFACE::WriteToQueue(const REPLY& answer) {
+  const int address = AnswerAddress(answer);
+  if (address < 0) return;
   for (const std::string& line : ChangedInputLines(address, cards_->cards[address])) {
     cardInput_->ToQueue(Convert_String2QList(line));
   }
-}
-
-void SERIAL_INTERFACE::CloseTty() {
-  if (tty_ >= 0) close(tty_);
-  tty_ = -1;
 }

@@ -9,8 +9,8 @@
 
 namespace {
 
-// The request that sets terminal attributes on BSD systems. Linux knows no such terminal request
-// and ignores it; it stays as the first step of the set-up sequence.
+// The request by which BSD systems set terminal attributes. Linux rejects it without an effect; the
+// set-up issues it first and ignores the result.
 constexpr unsigned long kBsdSetAttributes = 0x403C7414;
 
 constexpr cc_t kReadTimeout = 50;  // tenths of a second; without effect on a non-blocking tty
@@ -36,8 +36,8 @@ std::list<std::string> GetUSBDevices() {
   std::list<std::string> devices;
   FILE* const listing = popen("ls /dev | grep ttyUSB", "re");
   if (listing == nullptr) return devices;
-  // Room for ttyUSB99 and its line end: a longer name is split into two wrong ones. This
-  // limit is kept.
+  // Room for ttyUSB99 and its line end. A longer name is split into two wrong ones, which then fail
+  // to open.
   char piece[10];
   while (fgets(piece, sizeof piece, listing) != nullptr) {
     std::string device = std::string("/dev/") + piece;
@@ -48,12 +48,12 @@ std::list<std::string> GetUSBDevices() {
   return devices;
 }
 
-int OpenSerialDevice(const std::string& path) {
-  return open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_SYNC | O_CLOEXEC);
+FILE_DESCRIPTOR OpenSerialDevice(const std::string& path) {
+  return FILE_DESCRIPTOR(open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_SYNC | O_CLOEXEC));
 }
 
-int ApplyLineSettings(int descriptor) {
+int ApplyLineSettings(const FILE_DESCRIPTOR& tty) {
   termios settings = LineSettings();
-  ioctl(descriptor, kBsdSetAttributes, &settings);
-  return tcsetattr(descriptor, TCSANOW, &settings) == 0 ? 0 : errno;
+  ioctl(tty.Number(), kBsdSetAttributes, &settings);
+  return tcsetattr(tty.Number(), TCSANOW, &settings) == 0 ? 0 : errno;
 }

@@ -19,7 +19,7 @@ BYTE_LIST TLQUEUE::DeQueue() {
   return BYTE_LIST(front.begin(), front.end());
 }
 
-bool TLQUEUE::IsEmpty() {
+bool TLQUEUE::IsEmpty() const {
   MUTEX_GUARD guard(&lock_);
   return items_.empty();
 }

@@ -7,9 +7,9 @@
 #include "core/byte_list.h"
 #include "thread/mutex.h"
 
-// First in, first out, from any number of threads to one: the only hand-over point for traffic
-// between threads. It has no limit, drops nothing and never waits. Each queue has exactly one
-// thread that takes from it; that thread may ask IsEmpty first and be sure of the answer.
+// First in, first out, from any number of threads to one: all traffic between threads passes
+// through such queues. A queue has no limit, drops nothing and never waits. Only one thread takes
+// from it, so for that thread an IsEmpty that returns false stays valid until its DeQueue.
 class TLQUEUE {
  public:
   // Appends a copy of `list`. Any thread.
@@ -19,11 +19,11 @@ class TLQUEUE {
   BYTE_LIST DeQueue();
 
   // Any thread.
-  bool IsEmpty();
+  bool IsEmpty() const;
 
  private:
-  CMutexClass lock_;
-  // Kept as strings, because a list takes 32 bytes for each of its own, and what waits may be much.
+  mutable CMutexClass lock_;
+  // A list node takes 32 bytes per byte, so queued messages are stored as strings.
   std::deque<std::string> items_;
 };
 

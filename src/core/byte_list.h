@@ -8,8 +8,8 @@
 // read them as 0..255 (ByteOf) wherever they are compared, printed or used as an index.
 using BYTE_LIST = std::list<char>;
 
-// All functions here are re-entrant, may be called from any thread, and report no errors: text
-// that is no number counts as 0, and so does a character that is no hexadecimal digit.
+// All functions here are re-entrant and may be called from any thread. They report no errors: text
+// that is not a number counts as 0, and so does a character that is not a hexadecimal digit.
 
 inline unsigned char ByteOf(char c) { return static_cast<unsigned char>(c); }
 
@@ -41,10 +41,10 @@ BYTE_LIST Convert_BinBuff2QList(const char* buffer);
 BYTE_LIST Convert_CharBuff2QList(const char* characters);
 
 // The bytes of the text up to its first zero byte. The first byte is always taken, so the empty
-// text gives a list of one zero byte, unlike Convert_CharBuff2QList: deliberate, keep it.
+// text gives a list of one zero byte, unlike Convert_CharBuff2QList.
 BYTE_LIST Convert_String2QList(const std::string& text);
 
-// '0'..'9' and 'A'..'F' give 0..15, anything else 0: upper case only, on purpose.
+// '0'..'9' and 'A'..'F' give 0..15. Anything else gives 0, lower-case digits too.
 unsigned char HexCharToByte(char digit);
 
 // high * 16 + low, each by HexCharToByte.
@@ -59,7 +59,7 @@ void PrintBuffer(const char* buffer, int length);
 void PrintBufferID(const char* buffer, int length, const char* label);
 void PrintQList(const BYTE_LIST& list);
 
-// The classes of card bus replies that callers branch on; the others only mean "an error code".
+// The two classes of card bus replies that callers distinguish; the others are error codes.
 constexpr int kReplyGood = 0;
 constexpr int kReplyTimeout = 1;
 

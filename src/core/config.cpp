@@ -25,15 +25,14 @@ void ReplaceAll(const std::string& from, const std::string& to, std::string* tex
   }
 }
 
-// The two escapes that a separator may hold, written as backslash and letter.
+// Replaces the two escapes of separators, backslash r and backslash n.
 std::string Unescaped(std::string text) {
   ReplaceAll("\\r", "\r", &text);
   ReplaceAll("\\n", "\n", &text);
   return text;
 }
 
-// One reading of a document. The operations that return false stop the reading at once, with the
-// error text set.
+// Reads one document. An operation that returns false has set the error text, and the reading ends.
 class CONFIG_READER {
  public:
   CONFIG_DESCRIPTOR Read(const pugi::xml_document& document);
@@ -56,7 +55,8 @@ class CONFIG_READER {
   void Store(const INTERFACE_DESCRIPTOR& interface);
 
   CONFIG_DESCRIPTOR config_;
-  // By place among the entries. They keep their values from one `Interfaces` element to the next.
+  // By position in `Interfaces`. A second `Interfaces` element starts from the values that the
+  // first one left.
   std::array<INTERFACE_DESCRIPTOR, kMaxEntries> entries_;
 };
 
@@ -99,7 +99,7 @@ bool CONFIG_READER::ReadInterfaces(const pugi::xml_node& element) {
     if (entry.type() != pugi::node_element) continue;
     if (index == kMaxEntries) break;
     INTERFACE_DESCRIPTOR* const interface = &entries_[index++];
-    // The delay in force here: `Speed` counts for the entries behind it only.
+    // `Speed` applies only to the entries that follow it.
     interface->delay = config_.threadDelay;
     if (!ReadEntry(entry, interface)) return false;
     Store(*interface);

@@ -6,23 +6,23 @@
 #include "core/speed.h"
 #include "thread/shared.h"
 
-// The connection state of an interface, kept in its descriptor.
-enum InterfaceState : int {
+// The connection state of an interface.
+enum class InterfaceState : int {
   Idle = 0,       // never listened
   Listening = 1,  // the next cycle waits for a client
   Accepting = 2,  // waiting for a client
   Connected = 3,  // a client is served; the master sends only in this state
-  Closed = 4      // both sockets are closed or about to be; listening again is pending
+  Closed = 4      // the task closes both sockets, and listens again after two cycles
 };
 
-// Ports up to here are refused.
+// A configuration with a port up to this one is refused.
 constexpr int kHighestRefusedPort = 1024;
 
 // The settings of one listening interface.
 struct INTERFACE_DESCRIPTOR {
   std::string name;  // "CAE", "IO" or "MON"
   int port = 0;
-  SHARED<int> state = Idle;  // InterfaceState
+  SHARED<InterfaceState> state = InterfaceState::Idle;
   std::string outSeparator = "\r\n";
   std::string inpSeparator = "\r\n";
   SHARED<int> delay = kDefaultDelay;  // microseconds
@@ -45,9 +45,9 @@ struct CONFIG_DESCRIPTOR {
   bool autoDiscover = false;
 };
 
-// Reads the XML document at `path`. Never throws: a document that cannot be loaded gives all
-// defaults and kConfigLoadError; a refused port gives its own error text, with the values read so
-// far. Any thread.
+// Reads the XML document at `path`. Never throws. A document that cannot be loaded gives all
+// defaults and kConfigLoadError. A refused port ends the reading with an error text of its own; the
+// values read before it are returned. Any thread.
 CONFIG_DESCRIPTOR ReadConfigFile(const char* path);
 
 #endif  // TALP_CORE_CONFIG_H_

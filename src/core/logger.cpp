@@ -1,8 +1,11 @@
 #include "core/logger.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
+
+#include "core/file_descriptor.h"
 
 namespace {
 
@@ -15,14 +18,27 @@ std::string LocalTime() {
   return std::string(text, length);
 }
 
-// A full disk or a vanished file system loses the line and nothing else.
-void WriteAll(int file, const std::string& line) {
+// A failed write (full disk, stopped terminal, vanished file system) loses the rest of the line and
+// nothing else.
+void WriteAll(const FILE_DESCRIPTOR& file, const std::string& line) {
   size_t written = 0;
   while (written < line.size()) {
-    const ssize_t count = write(file, line.data() + written, line.size() - written);
+    const ssize_t count = write(file.Number(), line.data() + written, line.size() - written);
     if (count <= 0) return;
     written += static_cast<size_t>(count);
   }
+}
+
+// Opens without blocking: a FIFO without a reader or a stopped terminal would block every thread
+// that logs. A pipe or a socket is not written to: after its reader has left, SIGPIPE would end the
+// process. A terminal must not become the controlling one, or its hang-up would end the daemon.
+FILE_DESCRIPTOR OpenLog(const std::string& path) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  FILE_DESCRIPTOR file(open(path.c_str(), kFlags, 0666));
+  struct stat about {};
+  const bool known = file.IsOpen() && fstat(file.Number(), &about) == 0;
+  if (!known || S_ISFIFO(about.st_mode) || S_ISSOCK(about.st_mode)) file.Close();
+  return file;
 }
 
 }  // namespace
@@ -36,9 +52,7 @@ LOGGER& LOGGER::operator=(const LOGGER& other) {
 void LOGGER::LOG(const std::string& caption, const std::string& text, int lineLevel) {
   const std::string line = LocalTime() + " [" + caption + "] " + text + "\n";
   MUTEX_GUARD guard(&lock_);
-  // Opened before the level is looked at: the file appears even if all lines are filtered out.
-  const int file = open(fileName.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-  if (file < 0) return;
-  if (lineLevel >= level) WriteAll(file, line);
-  close(file);
+  // Opened before the level is compared, so that the file exists even if no line is written.
+  const FILE_DESCRIPTOR file = OpenLog(fileName);
+  if (file.IsOpen() && lineLevel >= level) WriteAll(file, line);
 }

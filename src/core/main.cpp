@@ -11,15 +11,15 @@ namespace {
 
 constexpr char kPidFile[] = "/var/run/talp/talp.pid";
 
-// For the handler; never freed, since the tasks run until the process is gone.
+// For the handler. Never freed: a signal can arrive until the process ends.
 SHARED<int>* pSignalFlag = nullptr;
 
 void SIGhandler(int signal) { *pSignalFlag = signal; }
 
-// exit(3) races with another exit(3), and only this thread calls it.
+// exit(3) is unsafe only against another exit(3), and only this thread calls it.
 // NOLINTBEGIN(concurrency-mt-unsafe)
 
-// Goes on in a child of its own session; the parent ends here.
+// Returns in a child with a session of its own; the parent ends here.
 void BecomeDaemon() {
   const pid_t child = fork();
   if (child < 0) exit(1);
@@ -27,7 +27,7 @@ void BecomeDaemon() {
   setsid();
 }
 
-// The directory must exist. The file stays behind at every end.
+// The directory must exist. The daemon never removes the file.
 void WritePidFile() {
   FILE* const file = fopen(kPidFile, "we");
   if (file == nullptr) {
@@ -42,6 +42,12 @@ void InstallSignalHandler() {
   pSignalFlag = new SHARED<int>(kNoSignal);
   signal(SIGINT, SIGhandler);
   signal(SIGTERM, SIGhandler);
+  // A program inherits which signals are blocked. Blocked, these two could not stop the daemon.
+  sigset_t handled;
+  sigemptyset(&handled);
+  sigaddset(&handled, SIGINT);
+  sigaddset(&handled, SIGTERM);
+  pthread_sigmask(SIG_UNBLOCK, &handled, nullptr);
 }
 
 }  // namespace
@@ -54,7 +60,7 @@ int main() {
   if (!talp.InitProgramData()) exit(0);
   talp.InitInterfaces();
   talp.MasterThread();
-  // Not a return: the tasks still run, and what they use must not be destroyed under them.
+  // A return would destroy objects that the tasks, which still run, are using.
   exit(0);
 }
 

@@ -9,7 +9,7 @@ namespace {
 
 constexpr char kConfigFile[] = "/etc/talp/talpconf.xml";
 
-// The one message that cannot go to the log file, whose name stands in what could not be read.
+// Reported to syslog, because the log file's name is in the configuration that was not read.
 void ReportLoadError() {
   // No other thread runs yet. NOLINTNEXTLINE(concurrency-mt-unsafe)
   setlogmask(LOG_UPTO(LOG_NOTICE));
@@ -55,7 +55,8 @@ bool TALP::InitProgramData() {
 
 std::unique_ptr<SOCKET_INTERFACE> TALP::StartInterface(const INTERFACE_DESCRIPTOR& descriptor,
                                                        TLQUEUE* inputQueue) {
-  auto started = std::make_unique<SOCKET_INTERFACE>(descriptor, logger_, inputQueue, Text);
+  auto started =
+      std::make_unique<SOCKET_INTERFACE>(descriptor, logger_, inputQueue, FramingMode::Text);
   started->Init();
   return started;
 }
@@ -64,7 +65,7 @@ void TALP::InitInterfaces() {
   cae_ = StartInterface(config_.cae, &caeInput_);
   io_ = StartInterface(config_.io, &ioInput_);
   mon_ = StartInterface(config_.mon, &monInput_);
-  // It connects by itself, from its first cycle on.
+  // Connects by itself, from its first cycle on.
   serial_ = std::make_unique<SERIAL_INTERFACE>("", logger_, &cardInput_, &cards_,
                                                config_.pollEnable, config_.autoDiscover);
   serial_->threadDelay = config_.threadDelay;

@@ -14,30 +14,30 @@
 
 class CAE_CONSOLE;
 
-constexpr int kNoSignal = -1;  // what the signal flag holds until a signal comes
+constexpr int kNoSignal = -1;  // the signal flag before the first signal
 
-// The main object: owns all others, brings them up and routes traffic between them. All operations
-// belong to the main thread.
+// The main object: owns all others, starts them and routes traffic between them. The main thread
+// calls all operations.
 class TALP {
  public:
   // `signalFlag` holds kNoSignal or the number of the last signal, and must outlive the object.
   TALP(const LOGGER& logger, SHARED<int>* signalFlag);
 
-  // Ends all tasks. The daemon itself leaves by exit(3) with this object alive, and does without.
+  // Stops and joins all tasks. Not called in the daemon, which ends by exit(3).
   ~TALP();
 
-  // Reads the configuration and logs the start. False, with a log line, if it carries an error.
+  // Reads the configuration and logs the start. False, with a log line, if there is an error in it.
   bool InitProgramData();
 
-  // Creates and starts the listening interfaces and the serial link. One that cannot listen does
-  // not keep the others from it.
+  // Creates and starts the listening interfaces and the serial link. The failure of one does not
+  // affect the others.
   void InitInterfaces();
 
   // The master loop. Returns after SIGINT or SIGTERM.
   void MasterThread();
 
-  // Turns a message of the IO client into requests for the cards. What is illegal in it is told
-  // to the console. Always 1.
+  // Turns a message of the IO client into requests for the cards. Reports illegal commands on the
+  // console. Always returns 1.
   int ParseOutCommand(const BYTE_LIST& message);
 
  private:
@@ -53,12 +53,12 @@ class TALP {
   void ExecuteIoCommand(const std::string& command);
   void ReportOnConsole(const std::string& error, const std::string& command);
 
-  // The tasks come last, and so end first: CAE, IO, MON and the serial link, then what they use.
+  // Destroyed from last to first: the tasks before what they use.
   LOGGER logger_;
   CONFIG_DESCRIPTOR config_;
   TLQUEUE ioInput_;
   TLQUEUE caeInput_;
-  TLQUEUE monInput_;  // nobody reads what a monitor sends
+  TLQUEUE monInput_;  // never read
   TLQUEUE cardInput_;
   SHARED<int>* const signalFlag_;
   SHARED<int> masterDelay_ = kDefaultDelay;  // microseconds

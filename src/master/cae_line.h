@@ -5,8 +5,8 @@
 #include <string>
 
 // How console lines are matched and how their arguments are taken: by position, without further
-// syntax checks. Pure rules, any thread. Characters that are not there are returned as an empty
-// text, which counts as digit 0.
+// syntax checks. Missing characters are returned as an empty text, which counts as digit 0. Pure
+// rules, any thread.
 
 enum class LINE_MATCH {
   kWholeLine,        // the line is the key and the separator
@@ -23,8 +23,8 @@ std::string TextAfter(const std::string& line, char mark, std::size_t count);
 // The single character `distance` places before the first `mark`.
 std::string CharBefore(const std::string& line, char mark, std::size_t distance);
 
-// From just after the first '=' up to the line's first character that is one of `terminators`; to
-// the line's end if there is none, empty if it stands before the '='.
+// From just after the first '=' up to the line's first character that is one of `terminators`, or
+// to the line's end if there is none. Empty if that character comes before the '='.
 std::string NumberText(const std::string& line, const std::string& terminators);
 
 // The value of the first character as a hexadecimal digit.

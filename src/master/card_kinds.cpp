@@ -2,6 +2,10 @@
 
 namespace {
 
+constexpr CARD_CLASS kOutputClass = CARD_CLASS::kOutput;
+constexpr CARD_CLASS kInputClass = CARD_CLASS::kInput;
+constexpr CARD_CLASS kNoCardClass = CARD_CLASS::kNone;
+
 constexpr INPUT_RULE kNone = INPUT_RULE::kNone;
 constexpr INPUT_RULE kCompare = INPUT_RULE::kCompare;
 constexpr INPUT_RULE kAverage = INPUT_RULE::kAverage;
@@ -21,7 +25,7 @@ constexpr CARD_KIND kCardKinds[] = {
     {kKindUnknownCard,   "CARD?",                        kNoCardClass,  0,     0x00, 0,  0, kNone,     false, 0},
 };
 
-// Stands for many codes; its own is never looked at.
+// For all other codes; its own code is not used.
 constexpr CARD_KIND kUnidentified =
     {kKindUnknownCard,   "UNIDENTIFIED",                 kNoCardClass,  0,     0x00, 0,  0, kNone,     false, 0};
 // clang-format on

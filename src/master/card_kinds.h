@@ -15,17 +15,17 @@ enum KIND_CODE : unsigned char {
   kKindUnknownCard = 0xFF
 };
 
-// What the bus may do with a card.
-enum CARD_CLASS : int {
-  kOutputClass = 0,  // output and stream cards: never polled
-  kInputClass = 1,   // input cards: can be polled
-  kNoCardClass = 3   // no usable card
+// Decides whether a card is polled.
+enum class CARD_CLASS : int {
+  kOutput = 0,  // output and stream cards: never polled
+  kInput = 1,   // input cards: can be polled
+  kNone = 3     // no usable card
 };
 
 // How an input answer changes the record of a card.
 enum class INPUT_RULE { kNone, kCompare, kAverage };
 
-// All that differs between kinds of cards.
+// Everything in which the kinds of cards differ.
 struct CARD_KIND {
   KIND_CODE code;
   const char* name;
@@ -33,13 +33,13 @@ struct CARD_KIND {
   int blockCount;
   unsigned char initialState;  // of the first `initialBlocks` blocks, set by discovery
   int initialBlocks;
-  int inputBlocks;  // data bytes asked for by a poll and needed in its answer
+  int inputBlocks;  // data bytes that a poll requests and its answer must have
   INPUT_RULE inputRule;
-  bool lastInputReadable;  // the console may ask for the last input of one of its blocks
+  bool lastInputReadable;  // GETLASTINPST works on this kind
   int outputBlocks;        // block states in one output frame; 0: takes no block frames
 };
 
-// The row of `code`; of kinds that are not known the row "UNIDENTIFIED". Any thread.
+// The row of `code`, or the row "UNIDENTIFIED" if there is none. Any thread.
 const CARD_KIND& CardKindOf(unsigned char code);
 
 #endif  // TALP_MASTER_CARD_KINDS_H_

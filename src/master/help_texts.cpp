@@ -4,7 +4,7 @@
 
 namespace {
 
-// These texts are a contract, misspellings included: programs that drive the console know them.
+// Programs that drive the console compare these texts, so the misspellings must stay.
 // clang-format off
 constexpr const char* kHelp[] = {
     "TALP quick HELP:",

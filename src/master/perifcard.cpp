@@ -4,18 +4,16 @@
 #include <cstdio>
 #include <cstring>
 
-#include "bus/frame.h"
-
 namespace {
 
-constexpr std::size_t kAnswerDataStart = 2;  // behind code and address
+constexpr std::size_t kAnswerDataStart = 2;  // after code and address
 
 void SetName(const char* name, PERIFCARD* card) {
   std::snprintf(card->name, sizeof card->name, "%s", name);
 }
 
-// Every discovery without a clear repeats the poll in the frame. Beyond what the wire can carry in
-// one frame nothing more would be sent, so the growth ends there.
+// A discovery without a clear before it appends another poll to the frame. The frame stops growing
+// when it would not fit on the wire.
 void AppendPoll(int address, int blocks, BYTE_LIST* frame) {
   const BYTE_LIST poll = {kPollCommand, static_cast<char>(address), static_cast<char>(blocks)};
   if (frame->size() + poll.size() > kMaxPayloadSize) return;
@@ -30,15 +28,15 @@ void ApplyKind(int address, unsigned char code, PERIFCARD* card) {
   card->cardClass = kind.cardClass;
   card->blockCount = kind.blockCount;
   std::fill_n(card->blockState, kind.initialBlocks, kind.initialState);
-  if (kind.cardClass != kInputClass) return;
-  card->pollEnabled = 1;
+  if (kind.cardClass != CARD_CLASS::kInput) return;
+  card->pollEnabled = true;
   AppendPoll(address, kind.inputBlocks, &card->pollFrame);
 }
 
 void StoreInput(int block, unsigned char value, PERIFCARD* card) {
   if (card->blockState[block] == value) return;
   card->blockState[block] = value;
-  card->changeFlag[block] = 1;
+  card->changeFlag[block] = true;
 }
 
 void AddSamples(const unsigned char* samples, PERIFCARD* card) {
@@ -46,8 +44,8 @@ void AddSamples(const unsigned char* samples, PERIFCARD* card) {
   ++card->sampleCount;
 }
 
-// The samples that come with the answer that completes an average are in no sum: one answer in
-// seven is dropped, deliberately.
+// The samples of the answer that completes an average are not used: with six samples an average,
+// every seventh answer only triggers the report.
 void StoreAverages(PERIFCARD* card) {
   for (int i = 0; i < kAnalogueChannels; ++i) {
     StoreInput(i, static_cast<unsigned char>(card->analogSum[i] / card->sampleCount), card);
@@ -59,15 +57,15 @@ void StoreAverages(PERIFCARD* card) {
 }  // namespace
 
 void PERIFCARD::clearPerifCard() {
-  cardClass = kNoCardClass;
+  cardClass = CARD_CLASS::kNone;
   blockCount = 0;
   kindCode = kKindEmpty;
   SetName(CardKindOf(kKindEmpty).name, this);
   samplesPerAverage = 6;
   std::fill_n(analogSum, kAnalogueChannels, 0);
   std::memset(blockState, 0, sizeof blockState);
-  std::memset(changeFlag, 0, sizeof changeFlag);
-  pollEnabled = 0;
+  std::fill_n(changeFlag, kBlockCount, false);
+  pollEnabled = false;
   pollFrame.clear();
 }
 
@@ -88,15 +86,15 @@ void ApplyDiscoveryAnswer(const REPLY& answer, PERIFCARD* cards) {
 
 void ApplyDirectAnswer(const REPLY& answer, PERIFCARD* card) {
   card->ClearPIOAnswer();
-  const std::size_t kept = std::min<std::size_t>(answer.size(), kPioAnswerSize);
-  std::copy_n(answer.begin(), kept, card->pioAnswer);
+  const std::size_t stored = std::min<std::size_t>(answer.size(), kPioAnswerSize);
+  std::copy_n(answer.begin(), stored, card->pioAnswer);
 }
 
 bool ApplyInputAnswer(const REPLY& answer, PERIFCARD* card) {
   const CARD_KIND& kind = CardKindOf(card->kindCode);
   if (answer.size() < kAnswerDataStart + static_cast<std::size_t>(kind.inputBlocks)) return false;
   const unsigned char* const data = answer.data() + kAnswerDataStart;
-  std::memset(card->changeFlag, 0, sizeof card->changeFlag);
+  std::fill_n(card->changeFlag, kBlockCount, false);
   switch (kind.inputRule) {
     case INPUT_RULE::kNone:
       break;
@@ -111,7 +109,7 @@ bool ApplyInputAnswer(const REPLY& answer, PERIFCARD* card) {
       }
       break;
   }
-  return std::find(card->changeFlag, card->changeFlag + kBlockCount, 1) !=
+  return std::find(card->changeFlag, card->changeFlag + kBlockCount, true) !=
          card->changeFlag + kBlockCount;
 }
 
@@ -125,7 +123,7 @@ std::string InputLine(int address, int block, unsigned char state) {
 std::vector<std::string> ChangedInputLines(int address, const PERIFCARD& card) {
   std::vector<std::string> lines;
   for (int block = 0; block < kBlockCount; ++block) {
-    if (card.changeFlag[block] == 0) continue;
+    if (!card.changeFlag[block]) continue;
     lines.push_back(InputLine(address, block, card.blockState[block]));
   }
   return lines;

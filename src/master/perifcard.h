@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "bus/frame.h"
 #include "core/byte_list.h"
 #include "master/card_kinds.h"
 
@@ -12,54 +13,52 @@ constexpr int kBlockCount = 16;
 constexpr int kPioAnswerSize = 16;
 constexpr int kAnalogueChannels = 6;
 
-// What is known of the card at one bus address. A plain record and pure rules: whoever shares
-// records between threads guards them.
+// What is known about the card at one bus address. A plain record with pure rules; its owner guards
+// it (CARD_TABLE).
 struct PERIFCARD {
   PERIFCARD() { clearPerifCard(); }
 
-  int cardClass = 0;
+  CARD_CLASS cardClass = CARD_CLASS::kNone;
   int blockCount = 0;
   unsigned char address = 0;
   unsigned char kindCode = 0;
   char name[40] = {};
   unsigned char blockState[kBlockCount] = {};    // last input (or average), or last value written
-  unsigned char changeFlag[kBlockCount] = {};    // 1: changed with the latest input answer
+  bool changeFlag[kBlockCount] = {};             // changed with the latest input answer
   unsigned char pioAnswer[kPioAnswerSize] = {};  // latest direct answer: 'Q', address, data
-  unsigned char pollEnabled = 0;
+  bool pollEnabled = false;
   int analogSum[kAnalogueChannels] = {};
   int sampleCount = 0;
   int samplesPerAverage = 0;
   BYTE_LIST pollFrame;
 
-  // Back to "EMPTY". Leaves `address`, `pioAnswer` and `sampleCount` as they are, deliberately.
+  // Resets the record to "EMPTY". `address`, `pioAnswer` and `sampleCount` are not changed, so the
+  // next analogue average after a clear divides fewer samples by the full count and is too low.
   void clearPerifCard();
 
-  // Called before a direct command, so that a stale answer cannot be taken for a new one.
+  // To be called before a direct command, so that an old answer is not taken for the new one.
   void ClearPIOAnswer();
 
   bool HasDirectAnswer() const;
 };
 
-// The payload of a card bus reply; its first byte is the reply code.
-using REPLY = std::vector<unsigned char>;
-
-// The address (0..15) of the card that sent an input or direct answer, or -1 if the answer has no
-// address byte or one that reaches no record.
+// The address (0..15) of the card that sent an input or direct answer. -1 if the answer has no
+// address byte, or one above 15.
 int AnswerAddress(const REPLY& answer);
 
-// Applies a discovery answer to `cards[0..15]`. Poll frames are appended to, not replaced, and
-// every input card's polling is switched on, deliberately; records that are to start afresh are
-// cleared first. An answer of fewer than 16 kinds is ignored.
+// Applies a discovery answer to `cards[0..15]`. Appends to the poll frames and switches every input
+// card's polling on, even after a POLLOFF; a caller that wants fresh records clears them first.
+// Ignores an answer of fewer than 16 kinds.
 void ApplyDiscoveryAnswer(const REPLY& answer, PERIFCARD* cards);
 
-// Keeps the first 16 bytes of a direct answer, with zeros behind a shorter one.
+// Stores the first 16 bytes of a direct answer; a shorter one is filled up with zeros.
 void ApplyDirectAnswer(const REPLY& answer, PERIFCARD* card);
 
-// Applies an input answer and sets the change flags of the blocks that it changes. An answer too
-// short for the card's kind is ignored. Returns whether any flag is set.
+// Applies an input answer and sets the change flags of the blocks that it changes. Ignores an
+// answer that is too short for the card's kind. Returns whether it has set a flag.
 bool ApplyInputAnswer(const REPLY& answer, PERIFCARD* card);
 
-// "a%Xb%Xd%02X": how IO clients learn the state of an input block.
+// "a%Xb%Xd%02X": the line that reports the state of an input block to IO clients.
 std::string InputLine(int address, int block, unsigned char state);
 
 // The input lines of all blocks of the card at `address` whose change flag is set, in block order.

@@ -1,9 +1,13 @@
 #include <signal.h>
 
+#include <cstddef>
+#include <cstdio>
+
 #include "core/byte_list.h"
 #include "core/sleepsec.h"
 #include "core/talp.h"
 #include "master/cae_commands.h"
+#include "net/io_command.h"
 #include "thread/sleep.h"
 
 namespace {
@@ -13,13 +17,13 @@ void Append(const std::string& text, BYTE_LIST* list) {
 }
 
 bool HasClient(const SOCKET_INTERFACE& interface) {
-  return interface.descriptor.state == Connected;
+  return interface.descriptor.state == InterfaceState::Connected;
 }
 
 }  // namespace
 
-// Each cycle takes at most one item of each stream, always in this order: the delay sets the
-// throughput of all of them. A console command that waits for a card holds up the others.
+// Each cycle takes at most one item of each stream, always in this order, so the delay limits the
+// throughput of all of them. While a console command waits for a card, the other streams wait too.
 void TALP::MasterThread() {
   CAE_CONSOLE console({&cards_,
                        &cae_->outputQueue,
@@ -53,7 +57,7 @@ bool TALP::StopSignalled() {
   return true;
 }
 
-// Without an IO client the monitor gets nothing either: deliberate, it shows the IO traffic.
+// The monitor shows what the IO client receives, so without an IO client it gets nothing.
 void TALP::ForwardCardInput() {
   if (cardInput_.IsEmpty()) return;
   BYTE_LIST line = cardInput_.DeQueue();
@@ -78,6 +82,41 @@ void TALP::CloseIoClient() {
   io_->outputQueue.ToQueue(Convert_String2QList(kFarewell + config_.io.outSeparator));
   sleepsec(kFarewellPause);
   io_->CloseByCommand();
+}
+
+int TALP::ParseOutCommand(const BYTE_LIST& message) {
+  const std::string text = Convert_QList2String(message);
+  for (const std::string& command : SplitCommands(text, config_.io.inpSeparator)) {
+    // The failure of one command does not stop the following ones. Errors are raised as integers;
+    // no conversion raises one today.
+    try {
+      ExecuteIoCommand(command);
+    } catch (int code) {
+      std::printf("Caught an exception -- value is: %d\nka>%s<\n", code, command.c_str());
+      ReportOnConsole("COE:Parser exception -> ", command);
+    }
+  }
+  return 1;
+}
+
+void TALP::ExecuteIoCommand(const std::string& command) {
+  IO_REQUEST request;
+  {
+    MUTEX_GUARD guard(&cards_.lock);
+    request = ParseIoCommand(command, cards_.cards);
+  }
+  if (request.legal) {
+    serial_->busQueues[static_cast<std::size_t>(request.address)].ToQueue(request.payload);
+  } else {
+    ReportOnConsole("COE:Illegal command -> ", command);
+  }
+}
+
+// Queued even if the console has no client: the next client receives it.
+void TALP::ReportOnConsole(const std::string& error, const std::string& command) {
+  const std::string& separator = config_.cae.outSeparator;
+  cae_->outputQueue.ToQueue(Convert_String2QList(error + command + separator));
+  cae_->outputQueue.ToQueue(Convert_String2QList(">" + separator));
 }
 
 void TALP::HandleCaeLine(CAE_CONSOLE* console) {

@@ -17,16 +17,16 @@ constexpr BANNER kBanners[] = {
 
 }  // namespace
 
-BYTE_LIST DecodeInbound(int mode, const char* bytes, std::size_t count) {
+BYTE_LIST DecodeInbound(FramingMode mode, const char* bytes, std::size_t count) {
   const char* const end = bytes + count;
-  if (mode == Text) return BYTE_LIST(bytes, std::find(bytes, end, '\0'));
+  if (mode == FramingMode::Text) return BYTE_LIST(bytes, std::find(bytes, end, '\0'));
   const std::size_t promised = ByteOf(bytes[0]);
   return BYTE_LIST(bytes + 1, bytes + 1 + std::min(promised, count - 1));
 }
 
-std::string EncodeOutbound(int mode, const BYTE_LIST& message) {
+std::string EncodeOutbound(FramingMode mode, const BYTE_LIST& message) {
   std::string bytes(message.begin(), message.end());
-  if (mode == Text) return bytes + '\r';
+  if (mode == FramingMode::Text) return bytes + '\r';
   return static_cast<char>(static_cast<unsigned char>(message.size())) + bytes;
 }
 

@@ -6,19 +6,25 @@
 
 #include "core/byte_list.h"
 
-// How messages travel between an interface and its client. Pure rules, any thread.
-enum FramingMode : int {
+// How messages travel between an interface and its client, and the first and last text that a
+// client receives. Pure rules, any thread.
+
+// Sent to a client before its connection is closed by command, and the time to read it.
+constexpr char kFarewell[] = "TALP: Bye Bye...";
+constexpr int kFarewellPause = 1;  // seconds
+
+enum class FramingMode : int {
   LengthPrefixed = 1,  // a length byte and that many bytes
   Text = 2             // in: the bytes up to the first NUL; out: the bytes and a carriage return
 };
 
-// The message in `count` received bytes (at least 1). A length byte that promises more bytes than
-// were received is bounded by them.
-BYTE_LIST DecodeInbound(int mode, const char* bytes, std::size_t count);
+// The message in `count` received bytes (at least 1). If a length byte announces more bytes than
+// were received, the message ends with those.
+BYTE_LIST DecodeInbound(FramingMode mode, const char* bytes, std::size_t count);
 
-// `message` as it is written to the client. In LengthPrefixed mode the length byte is the size cut
-// to 8 bits.
-std::string EncodeOutbound(int mode, const BYTE_LIST& message);
+// `message` as it is written to the client. In LengthPrefixed mode the length byte is the low byte
+// of the size.
+std::string EncodeOutbound(FramingMode mode, const BYTE_LIST& message);
 
 // The greeting of the interface called `name`; empty for a name without one.
 std::string BannerOf(const std::string& name);

@@ -9,8 +9,8 @@
 
 namespace {
 
-// The longest payload of an output command: an IR stream of 34 bytes, an LCD text of 31. What makes
-// a longer one is illegal.
+// The longest payload of an output command, enough for an IR stream of 34 bytes or an LCD text of
+// 31 characters. A command that needs a longer one is illegal.
 constexpr std::size_t kMaxOutputPayload = 38;
 
 constexpr char kLcdTextCode = 0x09;
@@ -60,15 +60,15 @@ BYTE_LIST OutputPayload(int address, const std::string& data) {
   return payload;
 }
 
-// A legal request for `data`, or an illegal one where it does not fit.
+// A legal request with `data`, or an illegal one if it does not fit.
 IO_REQUEST StreamRequest(int address, const std::string& data) {
   IO_REQUEST request = {true, address, OutputPayload(address, data)};
   if (request.payload.size() > kMaxOutputPayload) return {false, address, {}};
   return request;
 }
 
-// The block form, "aAbBdDD". A frame always carries the card's first blocks, so a block behind
-// them changes the record and is in no frame.
+// The block form, "aAbBdDD". A frame always carries the card's first blocks. A higher block is only
+// stored in the record.
 IO_REQUEST BlockRequest(const std::string& command, int address, PERIFCARD* card) {
   card->blockState[DigitAt(command, kBlockAt)] = ByteOf(ByteAt(command, kBlockDataAt));
   const int blocks = CardKindOf(card->kindCode).outputBlocks;
@@ -86,7 +86,7 @@ IO_REQUEST IrRequest(const std::string& command, int address, PERIFCARD*) {
   return StreamRequest(address, data);
 }
 
-// LCD control, "aAlCL" and the like: the code of each pair of characters is its place here.
+// LCD control, "aAlCL" and the like. The code of a pair of characters is its index in the table.
 IO_REQUEST LcdControlRequest(const std::string& command, int address, PERIFCARD*) {
   static constexpr const char* kControls[] = {"CL", "LO", "LF", "CO", "CF", "BO", "BF"};
   const auto* const control =
@@ -126,11 +126,11 @@ bool IsLcdText(const std::string& command) {
 
 struct IO_FORM {
   bool (*matches)(const std::string& command);
-  std::optional<KIND_CODE> kind;  // none: every kind will do
+  std::optional<KIND_CODE> kind;  // none: the form is for every kind
   IO_REQUEST (*build)(const std::string& command, int address, PERIFCARD* card);
 };
 
-// The first form that fits decides.
+// Only the first form that matches is tried.
 constexpr IO_FORM kForms[] = {
     {IsBlock, std::nullopt, BlockRequest},
     {IsIr, kKindIrRemote, IrRequest},

@@ -20,10 +20,10 @@ struct IO_REQUEST {
   BYTE_LIST payload;
 };
 
-// Recognises one command and builds its request from the records `cards[0..15]`; a block command
-// first stores its value in the addressed record, whatever the card. A block command for a card
-// that takes no block frames is legal and has an empty payload. An illegal command changes
-// nothing. Hexadecimal digits that are malformed or not there count as 0.
+// Recognises one command and builds its request from the records `cards[0..15]`. A block command
+// first stores its value in the addressed record, whatever the card's kind; for a card that takes
+// no block frames it is legal and has an empty payload. An illegal command changes nothing. A
+// missing or malformed hexadecimal digit counts as 0.
 IO_REQUEST ParseIoCommand(const std::string& command, PERIFCARD* cards);
 
 #endif  // TALP_NET_IO_COMMAND_H_

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "core/sleepsec.h"
 #include "thread/sleep.h"
@@ -24,20 +25,19 @@ constexpr int kReopenPause = 2;          // seconds
 constexpr unsigned kStartPause = 50000;  // 5 ms
 constexpr unsigned kParkPause = 5000;    // 0.5 ms
 
-// Dotted address and port. The port is printed as it stands in the address record, in network byte
-// order, so that it comes out byte-swapped (50000 as 20675): the form that readers of the log know.
+// Dotted address and port. The port is printed without conversion from network byte order, so on a
+// little-endian machine port 50000 is logged as 20675. Programs that read the log rely on it.
 std::string PeerText(const sockaddr_in& peer) {
   char address[INET_ADDRSTRLEN] = "";
   inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address);
   return std::string(address) + ":" + std::to_string(peer.sin_port);
 }
 
-// One poll of `socket` for readable, writable and exceptional, for a microsecond. Done with
-// ppoll(2) because a descriptor of 1024 or more does not fit a select(2) set. Returns the events or
-// -1.
-int PollEvents(int socket) {
+// Polls `socket` for one microsecond. Returns the events, or -1 on an error. ppoll(2) also takes a
+// descriptor of 1024 or more, which does not fit into a set of select(2).
+int PollEvents(const FILE_DESCRIPTOR& socket) {
   pollfd entry{};
-  entry.fd = socket;
+  entry.fd = socket.Number();
   entry.events = POLLIN | POLLOUT | POLLPRI;
   const timespec timeout = {0, 1000};
   return ppoll(&entry, 1, &timeout, nullptr) < 0 ? -1 : entry.revents;
@@ -49,10 +49,9 @@ struct SOCKET_OPTION {
   int value;
 };
 
-// Of a client's socket (tcp(7)). Without TCP_NODELAY a second short line would wait until the
-// client acknowledges the first, for tens of milliseconds. The keepalive finds out, within two
-// minutes, that a client has gone without a word (its power failed, its cable was pulled), and
-// frees its place.
+// Options of a client's socket (tcp(7)). Without TCP_NODELAY a second short line would wait tens of
+// milliseconds until the client acknowledges the first. The keepalive detects within two minutes
+// that a client's power has failed or its cable was pulled, so that another can connect.
 constexpr SOCKET_OPTION kClientOptions[] = {
     {IPPROTO_TCP, TCP_NODELAY, 1},    {SOL_SOCKET, SO_KEEPALIVE, 1},
     {IPPROTO_TCP, TCP_KEEPIDLE, 60},   // seconds
@@ -60,12 +59,13 @@ constexpr SOCKET_OPTION kClientOptions[] = {
     {IPPROTO_TCP, TCP_KEEPCNT, 3},
 };
 
-int AcceptOn(int listener, sockaddr_in* peer) {
+FILE_DESCRIPTOR AcceptOn(const FILE_DESCRIPTOR& listener, sockaddr_in* peer) {
   socklen_t size = sizeof *peer;
-  const int client = accept4(listener, reinterpret_cast<sockaddr*>(peer), &size, SOCK_CLOEXEC);
-  if (client < 0) return client;
+  sockaddr* const generic = reinterpret_cast<sockaddr*>(peer);
+  FILE_DESCRIPTOR client(accept4(listener.Number(), generic, &size, SOCK_CLOEXEC));
+  if (!client.IsOpen()) return client;
   for (const SOCKET_OPTION& option : kClientOptions) {
-    setsockopt(client, option.level, option.name, &option.value, sizeof option.value);
+    setsockopt(client.Number(), option.level, option.name, &option.value, sizeof option.value);
   }
   return client;
 }
@@ -73,9 +73,9 @@ int AcceptOn(int listener, sockaddr_in* peer) {
 }  // namespace
 
 SOCKET_INTERFACE::SOCKET_INTERFACE(const INTERFACE_DESCRIPTOR& settings, const LOGGER& logger,
-                                   TLQUEUE* inputQueue, int framingMode)
+                                   TLQUEUE* inputQueue, FramingMode framingMode)
     : descriptor(settings), logger_(logger), inputQueue_(inputQueue), framingMode_(framingMode) {
-  SetThreadType(IntervalDriven, 1);
+  SetThreadType(ThreadType_t::IntervalDriven, 1);
   Sleep(kStartPause);
 }
 
@@ -86,39 +86,38 @@ SOCKET_INTERFACE::~SOCKET_INTERFACE() {
     ShutDownSockets();
   }
   Stop();
-  CloseSockets();
 }
 
 void SOCKET_INTERFACE::LogInterface(const char* caption, const char* text) {
   logger_.LOG(caption, text + descriptor.name + " interface", kLogLevel);
 }
 
-bool SOCKET_INTERFACE::Init() {
-  const int listener = OpenListener();
-  if (listener < 0) return false;
+bool SOCKET_INTERFACE::Init() { return Listen(ReopenCounter()); }
+
+bool SOCKET_INTERFACE::Listen(int reopenCounter) {
+  FILE_DESCRIPTOR listener = OpenListener();
+  if (!listener.IsOpen()) return false;
   const std::string port = " on port " + ITOA(descriptor.port);
-  // Port 0 is that of an interface that is not configured. The system would choose one, and the
-  // console would be open where nobody looks for it.
-  if (descriptor.port == 0 || listen(listener, kBacklog) != 0) {
+  // Port 0 means that the interface is not configured. The system would choose a port, on which the
+  // interface would be open without anybody knowing it.
+  if (descriptor.port == 0 || listen(listener.Number(), kBacklog) != 0) {
     logger_.LOG(kError, descriptor.name + " interface listening error" + port, kLogLevel);
-    close(listener);
     return false;
   }
-  // Logged before the state invites the task, so that the log tells the two in order.
+  // Logged before the state changes, because the task then logs that it waits for a client.
   logger_.LOG(kInfo, descriptor.name + " interface listening" + port, kLogLevel);
-  KeepListener(listener);
-  descriptor.state = Listening;
-  return true;
+  return KeepListener(std::move(listener), reopenCounter);
 }
 
-int SOCKET_INTERFACE::OpenListener() {
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (listener < 0) {
+// The blank that is missing after "for" is part of the texts, which programs look for in the log.
+FILE_DESCRIPTOR SOCKET_INTERFACE::OpenListener() {
+  FILE_DESCRIPTOR listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!listener.IsOpen()) {
     LogInterface(kError, "couldn't open socket for");
-    return -1;
+    return listener;
   }
   const int on = 1;
-  if (setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
+  if (setsockopt(listener.Number(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
     LogInterface(kError, "couldn't set socket options for");
   }
   sockaddr_in address{};
@@ -126,7 +125,7 @@ int SOCKET_INTERFACE::OpenListener() {
   address.sin_addr.s_addr = htonl(INADDR_ANY);
   address.sin_port = htons(static_cast<std::uint16_t>(descriptor.port));
   const sockaddr* const generic = reinterpret_cast<const sockaddr*>(&address);
-  if (bind(listener, generic, sizeof address) != 0) {
+  if (bind(listener.Number(), generic, sizeof address) != 0) {
     LogInterface(kError, "couldn't bind socket for");
   }
   return listener;
@@ -134,83 +133,98 @@ int SOCKET_INTERFACE::OpenListener() {
 
 bool SOCKET_INTERFACE::OnTask() {
   PauseMicroseconds(descriptor.delay);
-  // Not an else-chain: a state set by one step is acted on by the later ones of the same cycle.
-  if (descriptor.state == Listening) AcceptClient();
-  if (descriptor.state == Connected) ServeClient();
-  if (descriptor.state == Closed) Reopen();
+  // Not an else-chain: the later steps of a cycle act on a state that an earlier one has set.
+  if (descriptor.state == InterfaceState::Listening) AcceptClient();
+  if (descriptor.state == InterfaceState::Connected) ServeClient();
+  if (descriptor.state == InterfaceState::Closed) Reopen();
   if (descriptor.name == "DMI") Park();
   return true;
 }
 
 void SOCKET_INTERFACE::AcceptClient() {
   logger_.LOG(kInfo, descriptor.name + " interface is waiting for incoming connection", kLogLevel);
-  if (!Advance(Listening, Accepting)) return;
+  {
+    MUTEX_GUARD guard(&socketLock_);
+    if (descriptor.state != InterfaceState::Listening) return;  // closed by command
+    descriptor.state = InterfaceState::Accepting;
+  }
   sleepsec(kAcceptPause);
   sockaddr_in peer{};
-  const int client = AcceptOn(listener_, &peer);
-  KeepClient(client);
-  // A close by command has ended the wait, and has been logged as such.
-  if (descriptor.state == Closed) return;
-  // A failed accept goes the same way: the next read fails, and the interface opens anew.
-  if (client < 0) LogInterface(kError, "socket accept error on ");
+  KeepClient(AcceptOn(listener_, &peer));
+  // A close by command has ended the wait, and is logged already.
+  if (descriptor.state == InterfaceState::Closed) return;
+  // After a failed accept the next read fails, and the interface closes and listens again.
+  if (!client_.IsOpen()) LogInterface(kError, "socket accept error on ");
   logger_.LOG(kInfo,
               "client is connected on " + descriptor.name + " interface from " + PeerText(peer),
               kLogLevel);
+  Greet();
+}
+
+// Queues the banner and sets the state in one step: a banner that is queued for a client which a
+// command has already closed would greet the next client a second time.
+void SOCKET_INTERFACE::Greet() {
+  MUTEX_GUARD guard(&socketLock_);
+  if (descriptor.state != InterfaceState::Accepting) return;
   const std::string banner = BannerOf(descriptor.name);
   if (!banner.empty()) outputQueue.ToQueue(Convert_String2QList(banner));
-  Advance(Accepting, Connected);
+  descriptor.state = InterfaceState::Connected;
 }
 
 void SOCKET_INTERFACE::ServeClient() {
   const bool left = !ReceiveFromClient();
   if (outputQueue.IsEmpty()) return;
-  // What is queued after a close by command is for the next client. Asked in this order: whoever
-  // queues it has closed first.
-  if (!left && descriptor.state == Closed) return;
+  // The master closes before it queues a message for the next client. So the queue is checked
+  // first: once such a message is visible, so is the closed state.
+  if (!left && descriptor.state == InterfaceState::Closed) return;
   Deliver();
 }
 
-// Reads once if there is something to read. False if the client was found gone.
+// Reads once if there is something to read. False if the client has gone.
 bool SOCKET_INTERFACE::ReceiveFromClient() {
-  // Without a client, after a failed accept, the read is to fail at once.
-  const int events = client_ < 0 ? POLLIN : PollEvents(client_);
+  // Without a client, after a failed accept, the read below fails and closes the interface.
+  const int events = client_.IsOpen() ? PollEvents(client_) : POLLIN;
   if (events < 0) {
     LogInterface(kError, "socket select error on ");
     return true;
   }
   if ((events & (POLLIN | POLLHUP | POLLERR)) == 0) return true;
   char bytes[kReadSize];
-  const ssize_t count = read(client_, bytes, sizeof bytes);
+  const ssize_t count = read(client_.Number(), bytes, sizeof bytes);
   if (count > 0) {
     inputQueue_->ToQueue(DecodeInbound(framingMode_, bytes, static_cast<std::size_t>(count)));
     return true;
   }
-  // A close by command also ends the reading, and has been logged as such.
-  if (descriptor.state == Closed) return true;
+  // A close by command also ends the reading, and is logged already.
+  if (descriptor.state == InterfaceState::Closed) return true;
   LogInterface(kInfo, "connection is closed by client on ");
+  MUTEX_GUARD guard(&socketLock_);
   CloseSockets();
-  reopenCounter_ = 0;
-  descriptor.state = Closed;
+  SetClosed();
   return false;
 }
 
-// Blocks while the client does not read. A message that cannot be written is lost, without a
-// SIGPIPE, and the connection is kept.
+// Blocks while the client does not read. A message that cannot be written is lost; the connection
+// stays. MSG_NOSIGNAL: SIGPIPE would end the daemon.
 void SOCKET_INTERFACE::Deliver() {
   const std::string bytes = EncodeOutbound(framingMode_, outputQueue.DeQueue());
-  if (send(client_, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) {
+  if (send(client_.Number(), bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) {
     LogInterface(kError, "socket write error on ");
   }
 }
 
 void SOCKET_INTERFACE::Reopen() {
-  CloseSockets();
-  reopenCounter_ = reopenCounter_ + 1;
+  {
+    MUTEX_GUARD guard(&socketLock_);
+    CloseSockets();
+    ++reopenCounter_;
+  }
   sleepsec(kReopenPause);
-  if (reopenCounter_ > 1) Init();
+  const int reopenCounter = ReopenCounter();
+  if (reopenCounter > 1) Listen(reopenCounter);
 }
 
-// An interface of this name is not served; it only ends when the object does.
+// An interface of this name serves nobody. It waits for the end of the object.
 void SOCKET_INTERFACE::Park() {
   LogInterface(kInfo, "On task ");
   while (!StopRequested()) Sleep(kParkPause);
@@ -219,12 +233,10 @@ void SOCKET_INTERFACE::Park() {
 void SOCKET_INTERFACE::CloseByCommand() {
   {
     MUTEX_GUARD guard(&socketLock_);
-    // The counter first: the task counts from the moment that the state says closed.
-    reopenCounter_ = 0;
-    descriptor.state = Closed;
+    SetClosed();
     ShutDownSockets();
   }
-  // The client's end must not wait for a slow disk.
+  // Logged after the close, so that a slow disk does not delay it.
   LogInterface(kInfo, "connection is closed by command on ");
 }
 
@@ -232,36 +244,41 @@ void SOCKET_INTERFACE::mf_SIGhandler(int signal) {
   logger_.LOG(kInfo, "signal " + ITOA(signal) + " on " + descriptor.name + " interface", kLogLevel);
 }
 
-// False if a close by command has come in between; its state stands.
-bool SOCKET_INTERFACE::Advance(InterfaceState from, InterfaceState to) {
+int SOCKET_INTERFACE::ReopenCounter() {
   MUTEX_GUARD guard(&socketLock_);
-  if (descriptor.state != from) return false;
-  descriptor.state = to;
+  return reopenCounter_;
+}
+
+// False if a close by command has reset the counter since `reopenCounter` was read. The listener is
+// then dropped, and the interface stays closed for two cycles.
+bool SOCKET_INTERFACE::KeepListener(FILE_DESCRIPTOR listener, int reopenCounter) {
+  MUTEX_GUARD guard(&socketLock_);
+  if (reopenCounter_ != reopenCounter) return false;
+  listener_ = std::move(listener);
+  descriptor.state = InterfaceState::Listening;
+  if (ending_) ShutDownSockets();
   return true;
 }
 
-void SOCKET_INTERFACE::KeepListener(int listener) {
+void SOCKET_INTERFACE::KeepClient(FILE_DESCRIPTOR client) {
   MUTEX_GUARD guard(&socketLock_);
-  listener_ = listener;
+  client_ = std::move(client);
   if (ending_) ShutDownSockets();
 }
 
-void SOCKET_INTERFACE::KeepClient(int client) {
-  MUTEX_GUARD guard(&socketLock_);
-  client_ = client;
-  if (ending_) ShutDownSockets();
+// The callers of the following functions hold the socket lock.
+
+void SOCKET_INTERFACE::SetClosed() {
+  reopenCounter_ = 0;
+  descriptor.state = InterfaceState::Closed;
 }
 
-// The caller holds the socket lock.
 void SOCKET_INTERFACE::ShutDownSockets() {
-  if (client_ >= 0) shutdown(client_, SHUT_RDWR);
-  if (listener_ >= 0) shutdown(listener_, SHUT_RDWR);
+  if (client_.IsOpen()) shutdown(client_.Number(), SHUT_RDWR);
+  if (listener_.IsOpen()) shutdown(listener_.Number(), SHUT_RDWR);
 }
 
 void SOCKET_INTERFACE::CloseSockets() {
-  MUTEX_GUARD guard(&socketLock_);
-  if (client_ >= 0) close(client_);
-  if (listener_ >= 0) close(listener_);
-  client_ = -1;
-  listener_ = -1;
+  client_.Close();
+  listener_.Close();
 }

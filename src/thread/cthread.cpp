@@ -39,9 +39,9 @@ CThread::~CThread() {
 bool CThread::OnTask(void* item) {
   CTask* const task = static_cast<CTask*>(item);
   MUTEX_GUARD guard(&task->lock);
-  task->status = kTaskProcessing;
+  task->status = TASK_STATUS::kProcessing;
   const bool goOn = task->Task();
-  task->status = kTaskDone;
+  task->status = TASK_STATUS::kDone;
   return goOn;
 }
 
@@ -50,7 +50,7 @@ bool CThread::OnTask() {
   return true;
 }
 
-// The thread's body; a name of its own, so that it can be found in a debugger's list of threads.
+// The thread's body, a free function for pthread_create.
 void* _THKERNEL(void* object) {
   static_cast<CThread*>(object)->RunPasses();
   return nullptr;
@@ -78,44 +78,45 @@ bool CThread::Start() {
 void CThread::RunPasses() {
   {
     MUTEX_GUARD guard(&lock_);
-    state_ = kThreadWaiting;
+    state_ = THREAD_STATE::kWaiting;
     running_ = !stopRequested_;
     threadId_ = pthread_self();
   }
   bool goOn = true;
   while (goOn) {
     const ThreadType_t type = Type();
-    // An event-driven pass runs with the event's mutex held: a Set waits for its end.
-    if (type == EventDriven) event_.WaitUnless(HasWork, this);
+    // The event's mutex is held during an event-driven pass, so a Set waits for the pass to end.
+    if (type == ThreadType_t::EventDriven) event_.WaitUnless(HasWork, this);
     goOn = KernelProcess();
-    if (type == EventDriven) event_.Reset();
-    if (goOn && Type() == IntervalDriven) IdleBetweenPasses(static_cast<unsigned>(IdleTime()));
+    if (type == ThreadType_t::EventDriven) event_.Reset();
+    if (goOn && Type() == ThreadType_t::IntervalDriven) {
+      IdleBetweenPasses(static_cast<unsigned>(IdleTime()));
+    }
   }
   MUTEX_GUARD guard(&lock_);
-  state_ = kThreadDown;
+  state_ = THREAD_STATE::kDown;
   running_ = false;
   ended_ = true;
 }
 
-// Asked before every wait: a switch to interval-driven, an item or a stop that came before the
-// thread waited has been signalled already, to nobody.
+// A Set before the wait is lost, so every wait first checks for a new type, an item or a stop.
 bool CThread::HasWork(void* object) {
-  CThread* const self = static_cast<CThread*>(object);
+  const CThread* const self = static_cast<const CThread*>(object);
   MUTEX_GUARD guard(&self->lock_);
-  return self->threadType_ != EventDriven || self->pending_ > 0 || !self->running_;
+  return self->threadType_ != ThreadType_t::EventDriven || self->pending_ > 0 || !self->running_;
 }
 
 bool CThread::KernelProcess() {
   {
     MUTEX_GUARD guard(&lock_);
-    state_ = kThreadBusy;
+    state_ = THREAD_STATE::kBusy;
     if (!running_) {
-      state_ = kThreadShuttingDown;
+      state_ = THREAD_STATE::kShuttingDown;
       return false;
     }
   }
   const bool goOn = Empty() ? OnTask() : RunPendingItems();
-  SetState(goOn ? kThreadWaiting : kThreadShuttingDown);
+  SetState(goOn ? THREAD_STATE::kWaiting : THREAD_STATE::kShuttingDown);
   return goOn;
 }
 
@@ -130,17 +131,17 @@ bool CThread::RunPendingItems() {
   return goOn;
 }
 
-ThreadType_t CThread::Type() {
+ThreadType_t CThread::Type() const {
   MUTEX_GUARD guard(&lock_);
   return threadType_;
 }
 
-void* CThread::CurrentItem() {
+void* CThread::CurrentItem() const {
   MUTEX_GUARD guard(&lock_);
   return currentItem_;
 }
 
-std::int32_t CThread::IdleTime() {
+std::int32_t CThread::IdleTime() const {
   MUTEX_GUARD guard(&lock_);
   return idle_;
 }
@@ -150,8 +151,9 @@ void CThread::Stop() {
   const bool alive = created_ && !ended_;
   running_ = false;
   stopRequested_ = true;
-  const bool interval = threadType_ == IntervalDriven;
-  // An interval-driven thread needs no event to wake it, and gets the fault that one leaves.
+  const bool interval = threadType_ == ThreadType_t::IntervalDriven;
+  // An interval-driven thread needs no event to stop. The fault that such an event is gets recorded
+  // all the same, in ErrorFlags.
   if (interval && alive) SetFault(kErrorIllegalEvent);
   const bool byItself = alive && threadId_ == pthread_self();
   lock_.Unlock();
@@ -171,8 +173,8 @@ void CThread::Join() {
 
 bool CThread::AcceptsEvents() {
   MUTEX_GUARD guard(&lock_);
-  if (threadType_ != EventDriven) SetFault(kErrorIllegalEvent);
-  return threadType_ == EventDriven;
+  if (threadType_ != ThreadType_t::EventDriven) SetFault(kErrorIllegalEvent);
+  return threadType_ == ThreadType_t::EventDriven;
 }
 
 bool CThread::Event(void* item) {
@@ -184,11 +186,11 @@ bool CThread::Event(void* item) {
 bool CThread::Event(CTask* task) {
   if (!AcceptsEvents()) return false;
   {
-    // The thread takes this lock before it runs the task, so that the stamp comes first.
+    // The thread takes this lock before it runs the task, so it sees the id and the status.
     MUTEX_GUARD guard(&task->lock);
     task->threadId = ThreadId();
     if (!Push(task)) return false;
-    task->status = kTaskQueued;
+    task->status = TASK_STATUS::kQueued;
   }
   event_.Set();
   return true;
@@ -202,16 +204,15 @@ bool CThread::Push(void* item) {
   return true;
 }
 
-// Newest first: deliberate.
 bool CThread::Pop() {
   MUTEX_GUARD guard(&lock_);
   currentItem_ = workSlots_[--pending_];
   return true;
 }
 
-bool CThread::Empty() { return GetEventsPending() == 0; }
+bool CThread::Empty() const { return GetEventsPending() == 0; }
 
-std::uint32_t CThread::GetEventsPending() {
+std::uint32_t CThread::GetEventsPending() const {
   MUTEX_GUARD guard(&lock_);
   return pending_;
 }
@@ -232,17 +233,17 @@ void CThread::SetIdle(long idle) {
 
 void CThread::SetPriority(long) {}
 
-int CThread::ThreadState() {
+THREAD_STATE CThread::ThreadState() const {
   MUTEX_GUARD guard(&lock_);
   return state_;
 }
 
-std::uint32_t CThread::ErrorFlags() {
+std::uint32_t CThread::ErrorFlags() const {
   MUTEX_GUARD guard(&lock_);
   return errorFlags_;
 }
 
-bool CThread::PingThread(long timeout) {
+bool CThread::PingThread(long timeout) const {
   for (std::int64_t elapsed = 0; timeout <= 0 || elapsed <= timeout;) {
     if (Running()) return true;
     const std::int32_t idle = IdleTime();
@@ -252,27 +253,27 @@ bool CThread::PingThread(long timeout) {
   return false;
 }
 
-bool CThread::Running() {
+bool CThread::Running() const {
   MUTEX_GUARD guard(&lock_);
   return running_;
 }
 
-pthread_t CThread::ThreadId() {
+pthread_t CThread::ThreadId() const {
   MUTEX_GUARD guard(&lock_);
   return threadId_;
 }
 
-bool CThread::StopRequested() {
+bool CThread::StopRequested() const {
   MUTEX_GUARD guard(&lock_);
   return stopRequested_;
 }
 
-void CThread::SetState(int state) {
+void CThread::SetState(THREAD_STATE state) {
   MUTEX_GUARD guard(&lock_);
   state_ = state;
 }
 
 void CThread::SetFault(THREAD_ERROR error) {
   errorFlags_ |= error;
-  state_ = kThreadFault;
+  state_ = THREAD_STATE::kFault;
 }

@@ -10,19 +10,20 @@
 #include "thread/mutex.h"
 
 // When a task thread runs a pass.
-enum ThreadType_t : int {
+enum class ThreadType_t : int {
   EventDriven = 0,    // once per wake-up
-  IntervalDriven = 1  // over and over, pausing for the idle time between passes
+  IntervalDriven = 1  // repeatedly, with the idle time as a pause between passes
 };
 
-enum THREAD_STATE : int {
-  kThreadBusy = 0,          // a pass is being run
-  kThreadWaiting = 1,       // between passes
-  kThreadDown = 2,          // no thread, or the thread has ended
-  kThreadShuttingDown = 3,  // the last pass ended the thread
-  kThreadFault = 4
+enum class THREAD_STATE : int {
+  kBusy = 0,          // a pass is being run
+  kWaiting = 1,       // between passes
+  kDown = 2,          // no thread, or the thread has ended
+  kShuttingDown = 3,  // the last pass ended the thread
+  kFault = 4
 };
 
+// Bits of the error flags.
 enum THREAD_ERROR : std::uint32_t {
   kErrorMutexCreation = 0x01,
   kErrorEventCreation = 0x02,
@@ -31,25 +32,25 @@ enum THREAD_ERROR : std::uint32_t {
   kErrorWorkSlots = 0x20
 };
 
-enum TASK_STATUS : int { kTaskQueued = 1, kTaskProcessing = 2, kTaskDone = 3 };
+enum class TASK_STATUS : int { kNew = 0, kQueued = 1, kProcessing = 2, kDone = 3 };
 
-// A work item that does its own work.
+// A work item with its own operation, for Event.
 class CTask {
  public:
   virtual bool Task() = 0;  // false ends the thread that runs it
 
-  int status = 0;  // TASK_STATUS; guarded by `lock`, like the id
+  TASK_STATUS status = TASK_STATUS::kNew;  // guarded by `lock`, like the id
   pthread_t threadId = 0;
   CMutexClass lock;
 };
 
-// One thread and the work that it does: it calls OnTask for every item that Event queues, newest
-// first, or OnTask() where no item is pending. Operations may be called from any thread; they
-// report failures in the state and the error flags and never throw.
+// Owns one thread. A pass of the thread calls OnTask(item) for every pending item, newest first, or
+// OnTask() if none is pending. Operations may be called from any thread; they report failures in
+// the state and the error flags and never throw.
 //
-// The thread starts inside the constructor, as an event-driven one that waits; a derived class
-// switches it with SetThreadType when its own members stand, and calls Stop in its own destructor,
-// before they go.
+// The constructor starts the thread as an event-driven one, which waits. The constructor of a
+// derived class ends with SetThreadType, when its members are initialised; its destructor begins
+// with Stop, before they are destroyed.
 class CThread {
  public:
   CThread();
@@ -57,51 +58,52 @@ class CThread {
   CThread(const CThread&) = delete;
   CThread& operator=(const CThread&) = delete;
 
-  // One work item; the base version takes it for a CTask and runs it. Returning false ends the
-  // thread.
+  // Handles one work item. The base version treats it as a CTask and runs it. Returning false ends
+  // the thread.
   virtual bool OnTask(void* item);
 
-  // One pass without a pending item. Returning false ends the thread.
+  // Handles a pass without a pending item. Returning false ends the thread.
   virtual bool OnTask();
 
-  // Starts the thread unless it runs already. False if it cannot be created. Not while a Stop is
-  // under way.
+  // Starts the thread unless it runs already. False if it cannot be created. Must not be called
+  // during a Stop.
   bool Start();
 
-  // Ends the thread after its current pass and waits for that; called by the thread itself, only
-  // asks for it.
+  // Ends the thread after its current pass and waits until it has ended. Called by the thread
+  // itself, does not wait.
   void Stop();
 
-  // Queues an item and wakes the thread. False if the store is full or the thread is
-  // interval-driven (then also a fault). A null item only wakes. Must not be called from within a
-  // pass of the same event-driven thread, which holds the event.
+  // Queues an item and wakes the thread. False if the store is full, or if the thread is
+  // interval-driven, which is also a fault. A null item wakes the thread and queues
+  // nothing. An event-driven thread must not call this on itself: it would wait for the end of its
+  // own pass.
   bool Event(void* item);
   bool Event(CTask* task);
 
-  // The store of work items: at most 99, last in, first out. Pop needs an item to be pending and
-  // is for the thread itself; a null item is accepted and not stored.
+  // The store of at most 99 work items, last in, first out. Push accepts a null item and does not
+  // store it. Pop is for the thread itself and needs a pending item.
   bool Push(void* item);
   bool Pop();
-  bool Empty();
-  std::uint32_t GetEventsPending();
+  bool Empty() const;
+  std::uint32_t GetEventsPending() const;
 
-  // `idle` is in units of 100 ns; less than 0 counts as 0. To change the type is also an event:
-  // not from within a pass of the same event-driven thread.
+  // `idle` is in units of 100 ns; less than 0 counts as 0. A change of the type also wakes the
+  // thread, so an event-driven thread must not call SetThreadType on itself.
   void SetThreadType(ThreadType_t type, long idle);
   void SetIdle(long idle);
 
   // Does nothing: all threads of the daemon have the same priority.
   void SetPriority(long priority);
 
-  int ThreadState();
-  std::uint32_t ErrorFlags();
+  THREAD_STATE ThreadState() const;
+  std::uint32_t ErrorFlags() const;
 
-  // Waits until the thread runs: up to `timeout`, in units of 100 ns, or without end if that is 0
-  // or less. Returns whether it runs.
-  bool PingThread(long timeout);
+  // Waits until the thread runs, at most for `timeout` in units of 100 ns; 0 or less waits without
+  // end. Returns whether it runs.
+  bool PingThread(long timeout) const;
 
  protected:
-  bool StopRequested();
+  bool StopRequested() const;
 
  private:
   friend void* _THKERNEL(void* object);
@@ -113,32 +115,32 @@ class CThread {
   void RunPasses();
   bool KernelProcess();
   bool RunPendingItems();
-  void SetState(int state);
-  void SetFault(THREAD_ERROR error);  // under the lock, where the thread exists
+  void SetState(THREAD_STATE state);
+  void SetFault(THREAD_ERROR error);  // the caller holds the lock if the thread exists
   bool AcceptsEvents();
-  bool Running();
-  ThreadType_t Type();
-  void* CurrentItem();
-  std::int32_t IdleTime();
-  pthread_t ThreadId();
+  bool Running() const;
+  ThreadType_t Type() const;
+  void* CurrentItem() const;
+  std::int32_t IdleTime() const;
+  pthread_t ThreadId() const;
   void Join();
 
   CEventClass event_;
-  bool running_ = false;        // from the start of the thread's body to its end or Stop
-  bool stopRequested_ = false;  // outlives a body that has not begun yet, unlike `running_`
+  bool running_ = false;        // true from the start of the thread's body to its end or to Stop
+  bool stopRequested_ = false;  // true from Stop to the next Start
   bool created_ = false;        // there is a thread to join
-  bool ended_ = false;          // and its body has ended
+  bool ended_ = false;          // the body of that thread has ended
   pthread_t thread_{};
   pthread_t threadId_ = 0;
   std::unique_ptr<void*[]> workSlots_;
   std::uint32_t pending_ = 0;
   void* currentItem_ = nullptr;
-  int state_ = kThreadDown;
+  THREAD_STATE state_ = THREAD_STATE::kDown;
   std::int32_t idle_ = 100;
-  ThreadType_t threadType_ = EventDriven;
+  ThreadType_t threadType_ = ThreadType_t::EventDriven;
   std::uint32_t stackSize_ = 0;
   std::uint32_t errorFlags_ = 0;
-  CMutexClass lock_;  // guards all of the above but the event
+  mutable CMutexClass lock_;  // guards all of the above but the event
 };
 
 #endif  // TALP_THREAD_CTHREAD_H_

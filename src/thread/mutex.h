@@ -5,9 +5,9 @@
 
 #include <atomic>
 
-// A mutex that knows its owner. A nested Lock by the owner is a no-op without a count, so that one
-// Unlock releases however many Locks; an Unlock by anybody else is a no-op. Any thread; code must
-// not rely on nesting.
+// A mutex that records its owner. A nested Lock by the owner does nothing and is not counted: the
+// first Unlock releases the mutex, so code must not nest locks. An Unlock by another thread does
+// nothing. Any thread.
 class CMutexClass {
  public:
   CMutexClass();
@@ -22,7 +22,8 @@ class CMutexClass {
 
  private:
   pthread_mutex_t mutex_;
-  // Read without the mutex; only the owner itself can find its own id here.
+  // Read without the mutex, which is safe: a thread can find its own id here only if it is the
+  // owner.
   std::atomic<pthread_t> owner_{0};
 };
 

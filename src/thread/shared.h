@@ -4,9 +4,9 @@
 #include <atomic>
 
 // A scalar that one thread at a time writes while others read it, without a lock: connection
-// states, delays, switches, the signal flag. Reads like a plain value and, unlike std::atomic, can
-// be copied, so that the records that hold it stay plain records. A store publishes what was
-// written before it. Any thread, and signal handlers where T is an int.
+// states, delays, switches, the signal flag. Unlike std::atomic it can be copied, so that records
+// with such a member can be copied too. A store publishes what was written before it. Any thread,
+// and signal handlers.
 template <typename T>
 class SHARED {
  public:

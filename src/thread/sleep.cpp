@@ -8,9 +8,9 @@
 
 namespace {
 
-// In nanoseconds. Linux ends a sleep up to a timer slack of 50 microseconds late (PR_SET_TIMERSLACK
-// in prctl(2)); with a smaller slack a short sleep is nearly all processor time, for arming the
-// timer, and still takes 20 microseconds.
+// In nanoseconds. Linux ends a sleep up to 50 microseconds late, the timer slack (PR_SET_TIMERSLACK
+// in prctl(2)). With a smaller slack a short sleep still takes 20 microseconds, nearly all of it
+// CPU time for arming the timer.
 constexpr int kShortestSleep = 10000;
 
 std::int64_t Nanoseconds() {
@@ -19,7 +19,6 @@ std::int64_t Nanoseconds() {
   return now.tv_sec * INT64_C(1000000000) + now.tv_nsec;
 }
 
-// What is shorter than a sleep can be is spent looking at the clock.
 void SpinUntil(std::int64_t nanoseconds) {
   while (Nanoseconds() < nanoseconds) continue;
 }
@@ -47,8 +46,8 @@ void PauseMicroseconds(int microseconds) {
     usleep(static_cast<useconds_t>(microseconds));
     return;
   }
-  // Without a sleep a loop must leave the processor to others, the bus's own driver among them. The
-  // time that takes counts.
+  // A loop without a sleep must let other threads run, such as the kernel's worker for the bus. The
+  // yield counts as part of the pause.
   const std::int64_t start = Nanoseconds();
   sched_yield();
   SpinUntil(start + std::int64_t{1000} * microseconds);

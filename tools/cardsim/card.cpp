@@ -3,171 +3,125 @@
 #include <algorithm>
 #include <iterator>
 
-#include "cardsim/direct_commands.h"
-
-namespace cardsim {
+#include "cardsim/table.h"
 
 namespace {
 
-std::string TakeBlocks(CARD& card, const BYTES& data) {
-  if (data.size() != card.kind->outputBytes) {
-    return "this card takes " + std::to_string(card.kind->outputBytes) + " output bytes";
-  }
+constexpr unsigned char kDigitalOutput = 0x03;
+constexpr size_t kDisplayColumns = 20;
+
+std::string BlocksText(const char* label, const CARD::BLOCKS& blocks, size_t count) {
+  return count == 0 ? "" : label + HexText({blocks.begin(), blocks.begin() + count});
+}
+
+// Digital outputs are bits, so each block is shown by its number; channels stand in their order.
+bool ReceiveBlocks(CARD& card, const BYTES& data, LINE_OUTPUT* out) {
+  if (data.size() != card.kind->outputs) return false;
   std::copy(data.begin(), data.end(), card.outputs.begin());
-  return {};
+  const std::string blocks = card.code == kDigitalOutput
+                                 ? "b0=" + HexText({data[0]}) + " b1=" + HexText({data[1]})
+                                 : HexText(data);
+  out->Print("out " + AddressText(card) + ' ' + card.kind->name + ' ' + blocks);
+  return true;
 }
-
-std::string OutPrefix(const CARD& card) {
-  return "out " + AddressText(card) + ' ' + card.kind->word;
-}
-
-std::string ReceiveBits(CARD& card, const BYTES& data, LINES* lines) {
-  std::string refusal = TakeBlocks(card, data);
-  if (!refusal.empty()) return refusal;
-  lines->push_back(OutPrefix(card) + " b0=" + HexByte(data[0]) + " b1=" + HexByte(data[1]));
-  return {};
-}
-
-std::string ReceiveChannels(CARD& card, const BYTES& data, LINES* lines) {
-  std::string refusal = TakeBlocks(card, data);
-  if (refusal.empty()) lines->push_back(OutPrefix(card) + ' ' + HexText(data));
-  return refusal;
-}
-
-std::string ReceiveAnything(CARD& card, const BYTES& data, LINES* lines) {
-  lines->push_back(OutPrefix(card) + ' ' + HexText(data));
-  return {};
-}
-
-struct LCD_CONTROL {
-  const char* text;
-  bool LCD_DISPLAY::*property;  // null: clear the display
-  bool value;
-};
 
 // Indexed by the control code.
-constexpr LCD_CONTROL kLcdControls[] = {
-    {"clear", nullptr, false},
-    {"backlight on", &LCD_DISPLAY::backlight, true},
-    {"backlight off", &LCD_DISPLAY::backlight, false},
-    {"cursor on", &LCD_DISPLAY::cursor, true},
-    {"cursor off", &LCD_DISPLAY::cursor, false},
-    {"blinking on", &LCD_DISPLAY::blinking, true},
-    {"blinking off", &LCD_DISPLAY::blinking, false},
+constexpr const char* kLcdControls[] = {
+    "clear",      "backlight on", "backlight off", "cursor on",
+    "cursor off", "blinking on",  "blinking off",
 };
+constexpr unsigned char kLcdClear = 0x00;
 constexpr unsigned char kLcdText = 0x09;
 
-std::string ReceiveLcdText(CARD& card, const BYTES& data, LINES* lines) {
-  if (data.size() < 4 || data.back() != 0) return "LCD text needs column, row and a closing 00";
+void ClearDisplay(CARD& card) { card.display.fill(std::string(kDisplayColumns, ' ')); }
+
+void ShowDisplay(const CARD& card, LINE_OUTPUT* out) {
+  for (size_t row = 0; row < card.display.size(); ++row) {
+    out->Print("lcd " + AddressText(card) + " row " + std::to_string(row) + " |" +
+               Printable(card.display[row]) + '|');
+  }
+}
+
+// What passes the end of the row is not shown, nor is anything at a place off the display.
+bool ReceiveLcdText(CARD& card, const BYTES& data, LINE_OUTPUT* out) {
+  if (data.size() < 4 || data.back() != 0) return false;
   const size_t column = data[1];
   const size_t row = data[2];
-  const std::string text(data.begin() + 3, std::find(data.begin() + 3, data.end(), 0));
-  card.display.Write(column, row, text);
-  lines->push_back("lcd " + AddressText(card) + " text " + std::to_string(column) + ',' +
-                   std::to_string(row) + ' ' + Quoted(text));
-  ShowDisplay(card, lines);
-  return {};
-}
-
-std::string ReceiveLcd(CARD& card, const BYTES& data, LINES* lines) {
-  if (data.empty()) return "no LCD code";
-  if (data[0] == kLcdText) return ReceiveLcdText(card, data, lines);
-  if (data[0] >= std::size(kLcdControls) || data.size() != 1) return "unknown LCD code";
-  const LCD_CONTROL& control = kLcdControls[data[0]];
-  if (control.property == nullptr) {
-    card.display.Clear();
-  } else {
-    card.display.*control.property = control.value;
+  const std::string text(data.begin() + 3, data.end() - 1);
+  if (column < kDisplayColumns && row < card.display.size()) {
+    const size_t shown = std::min(text.size(), kDisplayColumns - column);
+    card.display[row].replace(column, shown, text, 0, shown);
   }
-  lines->push_back("lcd " + AddressText(card) + ' ' + control.text);
-  return {};
+  out->Print("lcd " + AddressText(card) + " text " + std::to_string(column) + ',' +
+             std::to_string(row) + " \"" + Printable(text) + '"');
+  ShowDisplay(card, out);
+  return true;
 }
 
-std::string ReceiveIr(CARD& card, const BYTES& data, LINES* lines) {
-  if (data.empty() || data[0] != data.size() - 1) return "IR count and bytes differ";
-  std::string line = "ir " + AddressText(card) + ' ';
-  if (data.size() > 1) line += HexText(data.data() + 1, data.size() - 1) + ' ';
-  lines->push_back(line + Quoted(std::string(data.begin() + 1, data.end())));
-  return {};
+bool ReceiveLcd(CARD& card, const BYTES& data, LINE_OUTPUT* out) {
+  if (!data.empty() && data[0] == kLcdText) return ReceiveLcdText(card, data, out);
+  if (data.size() != 1 || data[0] >= std::size(kLcdControls)) return false;
+  if (data[0] == kLcdClear) ClearDisplay(card);
+  out->Print("lcd " + AddressText(card) + ' ' + kLcdControls[data[0]]);
+  return true;
+}
+
+bool ReceiveIr(CARD& card, const BYTES& data, LINE_OUTPUT* out) {
+  if (data.empty() || data[0] != data.size() - 1) return false;
+  const BYTES sent(data.begin() + 1, data.end());
+  const std::string text(sent.begin(), sent.end());
+  out->Print("ir " + AddressText(card) + ' ' + (sent.empty() ? "" : HexText(sent) + ' ') + '"' +
+             Printable(text) + '"');
+  return true;
 }
 
 constexpr CARD_KIND kKinds[] = {
-    {0x03, "dout", "16 digital outputs", 0, 2, 0xFF, false, ReceiveBits},
-    {0x04, "din", "16 digital inputs (blocks 0 and 1)", 2, 0, 0, false, nullptr},
-    {0x05, "servo", "6 RC servos", 0, 6, 0x80, false, ReceiveChannels},
-    {0x06, "motor", "3 DC motors with a control byte", 0, 4, 0, false, ReceiveChannels},
-    {0x07, "analog", "6 analogue inputs (blocks 0 to 5)", 6, 0, 0, false, nullptr},
-    {0x08, "keypad", "keypad matrix and rotary encoder (block 0)", 1, 0, 0, false, nullptr},
-    {0x09, "lcd", "text display, 4 rows of 20", 0, 0, 0, true, ReceiveLcd},
-    {0x0A, "ir", "infrared remote control", 0, 0, 0, false, ReceiveIr},
-    {0xFF, "unknown", "a card that does not tell its kind", 0, 0, 0, false, ReceiveAnything},
+    {kDigitalOutput, "dout", 0, 2, 0xFF, ReceiveBlocks},
+    {0x04, "din", 2, 0, 0x00, nullptr},
+    {0x05, "servo", 0, 6, 0x80, ReceiveBlocks},
+    {0x06, "motor", 0, 4, 0x00, ReceiveBlocks},
+    {0x07, "analog", 6, 0, 0x00, nullptr},
+    {0x08, "keypad", 1, 0, 0x00, nullptr},
+    {0x09, "lcd", 0, 0, 0x00, ReceiveLcd},
+    {0x0A, "ir", 0, 0, 0x00, ReceiveIr},
+    {0xFF, "unknown", 0, 0, 0x00, nullptr},  // also stands for codes without a row
 };
-constexpr const CARD_KIND& kUnknownKind = kKinds[std::size(kKinds) - 1];
 
 const CARD_KIND* FindKind(unsigned char code) {
-  if (code == 0) return nullptr;
-  const auto* row = std::find_if(std::begin(kKinds), std::end(kKinds),
-                                 [code](const CARD_KIND& kind) { return kind.code == code; });
-  return row == std::end(kKinds) ? &kUnknownKind : row;
+  const auto* const row = std::find_if(std::begin(kKinds), std::end(kKinds) - 1,
+                                       [code](const CARD_KIND& kind) { return kind.code == code; });
+  return code == 0 ? nullptr : row;
 }
 
 }  // namespace
 
 void PlugIn(CARD& card, unsigned char code) {
-  const unsigned char address = card.address;
-  card = CARD{};
-  card.address = address;
-  card.code = code;
-  card.kind = FindKind(code);
-  if (card.kind == nullptr) return;
-  card.storedOutputs.fill(card.kind->bootLevel);
-  card.storedParams = FactoryParams(code);
-  Boot(card);
+  card = CARD{card.address, code, FindKind(code)};
+  if (card.kind != nullptr) Boot(card);
 }
 
 void Boot(CARD& card) {
   card.outputs.fill(card.kind->bootLevel);
-  card.params = card.storedParams;
-  card.display = LCD_DISPLAY{};
-  if (!card.kind->hasDisplay) return;
-  card.display.backlight = card.params[kLcdInitLightParam] != 0;
-  if (card.params[kLcdSelfTestParam] != 0) card.display.Write(0, 0, "SELF TEST");
+  ClearDisplay(card);
 }
 
 std::optional<unsigned char> ParseKind(const std::string& text) {
+  const CARD_KIND* const kind = FindRow(kKinds, text);
   if (text == "none") return static_cast<unsigned char>(0);
-  for (const CARD_KIND& kind : kKinds) {
-    if (text == kind.word) return kind.code;
-  }
-  return ParseHexByte(text);
+  return kind == nullptr ? ParseHex(text, 2) : kind->code;
 }
 
-std::string KindWords() {
-  std::string words;
-  for (const CARD_KIND& kind : kKinds)
-    words += (words.empty() ? "" : ", ") + std::string(kind.word);
-  return words;
+std::string KindWords() { return RowNames(kKinds); }
+
+std::string AddressText(const CARD& card) { return HexText({card.address}).substr(1); }
+
+void ShowCard(const CARD& card, LINE_OUTPUT* out) {
+  if (card.kind == nullptr) return;
+  std::string line = "card " + AddressText(card) + ' ' + card.kind->name;
+  if (card.code != card.kind->code) line += " code " + HexText({card.code});
+  line += BlocksText(" in ", card.inputs, card.kind->inputs);
+  line += BlocksText(" out ", card.outputs, card.kind->outputs);
+  if (card.answer) line += " answer " + HexText({*card.answer});
+  out->Print(line);
+  if (card.kind->receive == ReceiveLcd) ShowDisplay(card, out);
 }
-
-std::string KindHelp() {
-  constexpr size_t kWordWidth = 9;
-  std::string help;
-  for (const CARD_KIND& kind : kKinds) {
-    std::string word = kind.word;
-    word.resize(kWordWidth, ' ');
-    help += "  " + word + kind.title + '\n';
-  }
-  return help;
-}
-
-std::string AddressText(const CARD& card) { return HexByte(card.address).substr(1); }
-
-void ShowDisplay(const CARD& card, LINES* lines) {
-  if (!card.kind->hasDisplay) return;
-  for (size_t row = 0; row < LCD_DISPLAY::kRows; ++row) {
-    lines->push_back("lcd " + AddressText(card) + " row " + std::to_string(row) + " |" +
-                     card.display.Row(row) + '|');
-  }
-}
-
-}  // namespace cardsim

@@ -6,63 +6,58 @@
 #include <string>
 
 #include "cardsim/bytes.h"
-#include "cardsim/lcd_display.h"
-
-namespace cardsim {
+#include "cardsim/line_output.h"
 
 struct CARD;
 
 struct CARD_KIND {
-  unsigned char code;  // as the discovery answer reports it
-  const char* word;    // as people type it and output lines show it
-  const char* title;
-  size_t inputBytes;        // bytes of its poll answer, 0 for a card without inputs
-  size_t outputBytes;       // bytes of one output frame, 0 where it is a stream or there is none
-  unsigned char bootLevel;  // what each output byte holds after power-up
-  bool hasDisplay;
-  // Takes the data of one output frame and appends what it did. Returns why it refuses the data,
-  // or an empty text. Null for a card without outputs.
-  std::string (*receive)(CARD& card, const BYTES& data, LINES* lines);
+  unsigned char code;       // as the discovery answer reports it
+  const char* name;         // as people type it and output lines show it
+  size_t inputs;            // blocks of a poll answer, 0 for a card without inputs
+  size_t outputs;           // blocks of an output frame, 0 where it is a stream or there is none
+  unsigned char bootLevel;  // what each output block holds after power-up
+  // Takes the data of an output frame and prints what it did. False: the card refuses the data.
+  // Null for a card without outputs.
+  bool (*receive)(CARD& card, const BYTES& data, LINE_OUTPUT* out);
 };
 
-// One slot of the bus with what its card remembers. Values held in stored... survive a reboot.
+// One slot of the bus with what its card remembers.
 struct CARD {
   static constexpr size_t kMostChannels = 6;
-  static constexpr size_t kMostParams = 12;
-  using CHANNELS = std::array<unsigned char, kMostChannels>;
-  using PARAMS = std::array<unsigned char, kMostParams>;
+  static constexpr size_t kDisplayRows = 4;
+  using BLOCKS = std::array<unsigned char, kMostChannels>;
 
   unsigned char address = 0;
   unsigned char code = 0;
   const CARD_KIND* kind = nullptr;  // null for an empty slot
-  CHANNELS inputs{};
-  CHANNELS outputs{};
-  CHANNELS storedOutputs{};
-  PARAMS params{};
-  PARAMS storedParams{};
-  std::optional<unsigned char> answer;  // the value byte of every direct answer, when set by hand
-  LCD_DISPLAY display;
+  BLOCKS inputs{};
+  BLOCKS outputs{};
+  std::array<std::string, kDisplayRows> display{};
+  std::array<unsigned char, 2 * kMostChannels> params{};  // what direct commands set and read
+  std::optional<unsigned char> answer{};  // the value byte of every direct answer, when set by hand
 };
 
-// Puts a factory-new card of the kind code into the slot; code 0 empties the slot.
+// Puts a new card of the kind code into the slot; code 0 empties the slot.
 void PlugIn(CARD& card, unsigned char code);
 
-// Starts the card from what it has stored.
+// Sets outputs and display to what they are after power-up. The parameters stay.
 void Boot(CARD& card);
 
 // A kind's word, "none", or any code as two hexadecimal digits; nothing for other text.
 std::optional<unsigned char> ParseKind(const std::string& text);
 
-// "dout, din, ..." for messages and help, and the kinds with their titles, one a line.
+// "dout, din, ...".
 std::string KindWords();
-std::string KindHelp();
 
 // The slot's address as one hexadecimal digit.
 std::string AddressText(const CARD& card);
 
-// The lines "lcd E row 0 |...|" of the card's display; none for a card without one.
-void ShowDisplay(const CARD& card, LINES* lines);
+// Carries out one direct command, given as what follows the card's address: an access byte (01
+// writes, 40 reads), a command byte and, where the command has one, a value byte. Prints one line
+// and returns the value byte of the answer, or nothing when the card knows no such command.
+std::optional<unsigned char> RunDirectCommand(CARD& card, const BYTES& command, LINE_OUTPUT* out);
 
-}  // namespace cardsim
+// Prints what the card in the slot holds; nothing for an empty slot.
+void ShowCard(const CARD& card, LINE_OUTPUT* out);
 
 #endif

@@ -1,161 +1,141 @@
 #include "cardsim/console.h"
 
+#include <array>
 #include <cstdint>
 #include <optional>
-#include <utility>
 
-namespace cardsim {
+#include "cardsim/table.h"
 
 namespace {
 
+constexpr size_t kLongestLine = 1000;
 constexpr char kNoCard[] = "no card there";
+constexpr char kNoByte[] = "the value is two hexadecimal digits";
 
-std::string SwitchTo(const std::string& word, bool* value) {
-  if (word != "on" && word != "off") return "on or off";
-  *value = word == "on";
+CARD* FindCard(SIMULATOR* sim, const std::string& address) {
+  const std::optional<unsigned char> slot = ParseHex(address, 1);
+  return slot ? sim->bus->FindCard(*slot) : nullptr;
+}
+
+// The commands. Each returns why it cannot, or an empty text. The words do not hold its name.
+
+std::string Set(SIMULATOR* sim, const WORDS& words) {
+  CARD* const card = FindCard(sim, words[0]);
+  const std::optional<unsigned char> channel = ParseHex(words[1], 1);
+  const std::optional<unsigned char> value = ParseHex(words[2], 2);
+  if (card == nullptr) return kNoCard;
+  if (!channel || *channel >= card->kind->inputs) {
+    return "the card has " + std::to_string(card->kind->inputs) + " inputs";
+  }
+  if (!value) return kNoByte;
+  card->inputs[*channel] = *value;
   return {};
 }
 
-}  // namespace
-
-struct CONSOLE::COMMAND {
-  const char* name;
-  size_t leastWords;  // after the name
-  size_t mostWords;
-  const char* arguments;
-  std::string (CONSOLE::*run)(const WORDS& words, LINES* lines);
-  const char* help;
-};
-
-const CONSOLE::COMMAND CONSOLE::kCommands[] = {
-    {"set", 3, 3, "A B HH", &CONSOLE::Set, "input block B of card A becomes HH"},
-    {"answer", 2, 2, "A HH|auto", &CONSOLE::Answer,
-     "HH is the value byte of card A's direct answers"},
-    {"card", 2, 2, "A KIND|none", &CONSOLE::Card, "plug a new card in at A, or take it out"},
-    {"fault", 1, 5, "NAME ...", &CONSOLE::Fault, "spoil the next replies, see below"},
-    {"silence", 1, 1, "on|off", &CONSOLE::Silence, "the whole bus hears and answers nothing"},
-    {"frames", 1, 1, "on|off", &CONSOLE::Frames, "print each frame as rx and tx lines"},
-    {"hangup", 0, 0, "", &CONSOLE::HangUp, "pull the adapter out: pty and link vanish"},
-    {"return", 0, 1, "[LINK]", &CONSOLE::Return, "plug it in again, linked at LINK or as before"},
-    {"show", 0, 0, "", &CONSOLE::Show, "print every card, waiting fault and switch"},
-    {"sync", 0, SIZE_MAX, "TEXT", &CONSOLE::Sync, "print 'sync TEXT': all before it is done"},
-    {"help", 0, 0, "", &CONSOLE::Help, "print this"},
-    {"quit", 0, 0, "", &CONSOLE::Quit, "end the simulator"},
-};
-
-CONSOLE::CONSOLE(CARD_BUS* bus, FAULT_PLAN* faults, SWITCHES* switches, CABLE cable)
-    : bus_(bus), faults_(faults), switches_(switches), cable_(std::move(cable)) {}
-
-void CONSOLE::Run(const std::string& line, LINES* lines) {
-  WORDS words = SplitWords(line);
-  if (words.empty()) return;
-  for (const COMMAND& command : kCommands) {
-    if (words[0] != command.name) continue;
-    words.erase(words.begin());
-    const bool fits = words.size() >= command.leastWords && words.size() <= command.mostWords;
-    const std::string why = fits ? (this->*command.run)(words, lines)
-                                 : std::string("usage: ") + command.name + ' ' + command.arguments;
-    if (!why.empty()) lines->push_back("error: " + why);
-    return;
-  }
-  lines->push_back("error: unknown command " + Quoted(words[0]) + ", try help");
-}
-
-std::string CONSOLE::Set(const WORDS& words, LINES*) {
-  CARD* card = FindCard(words[0]);
+std::string Answer(SIMULATOR* sim, const WORDS& words) {
+  CARD* const card = FindCard(sim, words[0]);
+  const std::optional<unsigned char> value = ParseHex(words[1], 2);
   if (card == nullptr) return kNoCard;
-  const std::optional<unsigned char> block = ParseHexDigit(words[1]);
-  const std::optional<unsigned char> value = ParseHexByte(words[2]);
-  if (!block || *block >= card->kind->inputBytes) {
-    return "card " + AddressText(*card) + " has " + std::to_string(card->kind->inputBytes) +
-           " input blocks";
-  }
-  if (!value) return "the value is two hexadecimal digits";
-  card->inputs[*block] = *value;
-  return {};
-}
-
-std::string CONSOLE::Answer(const WORDS& words, LINES*) {
-  CARD* card = FindCard(words[0]);
-  if (card == nullptr) return kNoCard;
-  const std::optional<unsigned char> value = ParseHexByte(words[1]);
-  if (!value && words[1] != "auto") return "the value is two hexadecimal digits, or auto";
+  if (!value && words[1] != "auto") return kNoByte;
   card->answer = value;
   return {};
 }
 
-std::string CONSOLE::Card(const WORDS& words, LINES*) {
-  const std::optional<unsigned char> address = ParseHexDigit(words[0]);
+std::string Card(SIMULATOR* sim, const WORDS& words) {
+  const std::optional<unsigned char> address = ParseHex(words[0], 1);
   const std::optional<unsigned char> code = ParseKind(words[1]);
   if (!address) return "the address is one hexadecimal digit";
   if (!code) return "the kind is none, " + KindWords() + " or two hexadecimal digits";
-  PlugIn(bus_->Slot(*address), *code);
+  PlugIn(sim->bus->Slot(*address), *code);
   return {};
 }
 
-std::string CONSOLE::Fault(const WORDS& words, LINES*) { return faults_->Command(words); }
+std::string Fault(SIMULATOR* sim, const WORDS& words) { return sim->faults->Command(words); }
 
-std::string CONSOLE::Silence(const WORDS& words, LINES*) {
-  return SwitchTo(words[0], &switches_->silent);
+std::string HangUp(SIMULATOR* sim, const WORDS&) { return sim->adapter->PullOut(); }
+
+std::string Return(SIMULATOR* sim, const WORDS& words) {
+  return sim->adapter->PlugIn(words.empty() ? "" : words[0]);
 }
 
-std::string CONSOLE::Frames(const WORDS& words, LINES*) {
-  return SwitchTo(words[0], &switches_->frames);
-}
-
-std::string CONSOLE::HangUp(const WORDS&, LINES* lines) { return cable_.hangUp(lines); }
-
-std::string CONSOLE::Return(const WORDS& words, LINES* lines) {
-  return cable_.comeBack(words.empty() ? std::string() : words[0], lines);
-}
-
-std::string CONSOLE::Show(const WORDS&, LINES* lines) {
-  bus_->Show(lines);
-  faults_->Show(lines);
-  lines->push_back(std::string("silence ") + (switches_->silent ? "on" : "off"));
-  lines->push_back(std::string("frames ") + (switches_->frames ? "on" : "off"));
+std::string Show(SIMULATOR* sim, const WORDS&) {
+  sim->bus->Show();
+  sim->faults->Show();
   return {};
 }
 
-// Members for the sake of the table.
-// NOLINTBEGIN(readability-convert-member-functions-to-static)
-std::string CONSOLE::Sync(const WORDS& words, LINES* lines) {
-  std::string line = "sync";
-  for (const std::string& word : words) line += ' ' + word;
-  lines->push_back(line);
+std::string Sync(SIMULATOR* sim, const WORDS& words) {
+  sim->out->Print("sync" + JoinWords(words));
   return {};
 }
 
-std::string CONSOLE::Help(const WORDS&, LINES* lines) {
-  lines->push_back(CommandHelp() +
-                   "faults: fault NAME [N|forever] [ARG] [on REQUEST], fault off\n" + FaultHelp() +
-                   "cards:\n" + KindHelp());
-  lines->back().pop_back();
-  return {};
-}
-// NOLINTEND(readability-convert-member-functions-to-static)
-
-std::string CONSOLE::Quit(const WORDS&, LINES*) {
-  switches_->quit = true;
+std::string Quit(SIMULATOR* sim, const WORDS&) {
+  sim->quit = true;
   return {};
 }
 
-CARD* CONSOLE::FindCard(const std::string& digit) {
-  const std::optional<unsigned char> address = ParseHexDigit(digit);
-  if (!address) return nullptr;
-  CARD& card = bus_->Slot(*address);
-  return card.kind == nullptr ? nullptr : &card;
-}
+std::string Help(SIMULATOR* sim, const WORDS& words);
 
-std::string CommandHelp() {
-  constexpr size_t kUsageWidth = 20;
-  std::string help;
-  for (const CONSOLE::COMMAND& command : CONSOLE::kCommands) {
-    std::string usage = std::string(command.name) + ' ' + command.arguments;
-    usage.resize(kUsageWidth, ' ');
-    help += "  " + usage + command.help + '\n';
+struct COMMAND {
+  const char* name;
+  const char* arguments;  // with a blank before them
+  size_t leastWords;      // of the arguments
+  size_t mostWords;
+  std::string (*run)(SIMULATOR* sim, const WORDS& words);
+  const char* help;
+};
+
+constexpr COMMAND kCommands[] = {
+    {"set", " A CH VALUE", 3, 3, Set, "input CH of card A becomes VALUE"},
+    {"answer", " A VALUE|auto", 2, 2, Answer, "the value in card A's direct answers"},
+    {"card", " A KIND|none", 2, 2, Card, "plug a new card in at A, or take it out"},
+    {"fault", " NAME[=VALUE] [COUNT|forever] [on REQUEST]", 1, 4, Fault,
+     "spoil replies; fault off ends it"},
+    {"hangup", "", 0, 0, HangUp, "pull the adapter out: pty and link vanish"},
+    {"return", " [PATH]", 0, 1, Return, "plug it in again, linked there or as before"},
+    {"show", "", 0, 0, Show, "print every card and waiting fault"},
+    {"sync", " [TEXT]", 0, SIZE_MAX, Sync, "print this line: all before it is done"},
+    {"help", "", 0, 0, Help, "print this; talp-cardsim(1) has the rest"},
+    {"quit", "", 0, 0, Quit, "end the simulator"},
+};
+
+std::string Help(SIMULATOR* sim, const WORDS&) {
+  for (const COMMAND& command : kCommands) {
+    sim->out->Print(std::string(command.name) + command.arguments + ": " + command.help);
   }
-  return help;
+  return {};
 }
 
-}  // namespace cardsim
+// What is wrong with the line, or an empty text.
+std::string Run(SIMULATOR* sim, const std::string& line) {
+  WORDS words = SplitWords(line);
+  if (words.empty()) return {};
+  const std::string name = words[0];
+  words.erase(words.begin());
+  const COMMAND* const command = FindRow(kCommands, name);
+  if (command == nullptr) return "unknown command " + Printable(name) + ", try help";
+  const bool fits = words.size() >= command->leastWords && words.size() <= command->mostWords;
+  return fits ? command->run(sim, words) : "usage: " + name + command->arguments;
+}
+
+}  // namespace
+
+// A line longer than any command is cut, so that endless input takes no endless memory.
+void CONSOLE::Read() {
+  std::array<char, 4096> bytes;
+  const ssize_t count = read(input_, bytes.data(), bytes.size());
+  if (count <= 0) {
+    simulator_.quit = count == 0 && isatty(input_) == 1;
+    input_ = -1;
+  }
+  for (ssize_t i = 0; i < count && !HasQuit(); ++i) {
+    const char c = bytes[static_cast<size_t>(i)];
+    if (c != '\n' && line_.size() < kLongestLine) {
+      line_ += c;
+      continue;
+    }
+    const std::string why = Run(&simulator_, line_);
+    if (!why.empty()) simulator_.out->Print("error: " + why);
+    line_.clear();
+  }
+}

@@ -1,67 +1,43 @@
 #ifndef CARDSIM_CONSOLE_H
 #define CARDSIM_CONSOLE_H
 
-#include <functional>
+#include <unistd.h>
+
 #include <string>
 
-#include "cardsim/bytes.h"
+#include "cardsim/adapter.h"
 #include "cardsim/card_bus.h"
 #include "cardsim/fault_plan.h"
+#include "cardsim/line_output.h"
 
-namespace cardsim {
-
-// What the typed commands switch and the running simulator obeys.
-struct SWITCHES {
-  bool silent = false;
-  bool frames = false;
-  bool quit = false;
+// What the typed commands act on.
+struct SIMULATOR {
+  LINE_OUTPUT* out;
+  CARD_BUS* bus;
+  FAULT_PLAN* faults;
+  ADAPTER* adapter;
+  bool quit;
 };
 
-// The cable. Both return why they cannot, or an empty text, and append what they did.
-struct CABLE {
-  std::function<std::string(LINES* lines)> hangUp;
-  // linkPath: empty for the link of before.
-  std::function<std::string(const std::string& linkPath, LINES* lines)> comeBack;
-};
-
-// The typed commands: one line in, readable lines out.
+// The commands typed on standard input.
 class CONSOLE {
  public:
-  CONSOLE(CARD_BUS* bus, FAULT_PLAN* faults, SWITCHES* switches, CABLE cable);
+  explicit CONSOLE(const SIMULATOR& simulator) : simulator_(simulator) {}
 
-  // Carries out one line, given without its line end. Blank lines do nothing; a line that cannot
-  // be carried out appends one line "error: ...".
-  void Run(const std::string& line, LINES* lines);
+  int Descriptor() const { return input_; }  // -1 after the end of input
+
+  // Reads what has been typed and carries out every line that is complete.
+  void Read();
+
+  // Whether the simulator is to end: after `quit`, and after the end of a terminal's input
+  // (Ctrl-D). The end of a pipe or of /dev/null changes nothing, so that a bus can be left
+  // running in the background.
+  bool HasQuit() const { return simulator_.quit; }
 
  private:
-  struct COMMAND;
-  static const COMMAND kCommands[];
-  friend std::string CommandHelp();
-
-  // Each returns why it cannot, or an empty text. The words do not hold the command's name.
-  std::string Set(const WORDS& words, LINES* lines);
-  std::string Answer(const WORDS& words, LINES* lines);
-  std::string Card(const WORDS& words, LINES* lines);
-  std::string Fault(const WORDS& words, LINES* lines);
-  std::string Silence(const WORDS& words, LINES* lines);
-  std::string Frames(const WORDS& words, LINES* lines);
-  std::string HangUp(const WORDS& words, LINES* lines);
-  std::string Return(const WORDS& words, LINES* lines);
-  std::string Show(const WORDS& words, LINES* lines);
-  std::string Sync(const WORDS& words, LINES* lines);
-  std::string Help(const WORDS& words, LINES* lines);
-  std::string Quit(const WORDS& words, LINES* lines);
-  CARD* FindCard(const std::string& digit);
-
-  CARD_BUS* bus_;
-  FAULT_PLAN* faults_;
-  SWITCHES* switches_;
-  CABLE cable_;
+  SIMULATOR simulator_;
+  int input_ = STDIN_FILENO;
+  std::string line_;  // being typed
 };
-
-// The commands and their meaning, one a line.
-std::string CommandHelp();
-
-}  // namespace cardsim
 
 #endif

@@ -1,56 +1,57 @@
 #ifndef CARDSIM_FAULT_PLAN_H
 #define CARDSIM_FAULT_PLAN_H
 
+#include <chrono>
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <vector>
 
 #include "cardsim/bytes.h"
-#include "cardsim/card_bus.h"
-
-namespace cardsim {
+#include "cardsim/line_output.h"
 
 // Bytes that leave together, the given time after the request came.
 struct PIECE {
-  int delayMs;
+  std::chrono::milliseconds delay;
   BYTES bytes;
 };
 using PIECES = std::vector<PIECE>;
 
-struct FAULT;
-
 // Puts replies on the wire, spoilt by the faults that wait for them.
 class FAULT_PLAN {
  public:
-  // Adds a waiting fault from the words after "fault": NAME [N|forever] [ARG] [on REQUEST], or
-  // takes all back for "off". Returns why it cannot, or an empty text.
+  explicit FAULT_PLAN(LINE_OUTPUT* out) : out_(out) {}
+
+  // Adds a fault from the words NAME[=VALUE] [COUNT|forever] [on REQUEST], or takes all back for
+  // "off". There must be a word. Returns why it cannot, or an empty text.
   std::string Command(const WORDS& words);
 
   // The reply as it goes out, its length byte with it: one piece at once, or what the oldest
-  // fault that waits for this kind of request makes of it. A fault that has spoilt its last reply
-  // leaves and appends the line "fault NAME done".
-  PIECES Spoil(const ANSWER& answer, LINES* lines);
+  // fault that waits for a reply to this request makes of it. A fault that has spoilt its last
+  // reply leaves, and "fault NAME done" is printed.
+  PIECES Spoil(const BYTES& request, const BYTES& reply);
 
-  // One line for each waiting fault.
-  void Show(LINES* lines) const;
+  // Prints a line for each waiting fault.
+  void Show() const;
 
  private:
+  // More replies than any bus gives.
+  static constexpr auto kForever = std::numeric_limits<std::uint64_t>::max();
+
   struct RULE {
-    const FAULT* fault;
-    int repliesLeft;  // kForever: no end
-    int argument;
-    unsigned requests;  // set of REQUEST bits
+    std::string order;  // as typed
+    const char* name;
+    PIECES (*spoil)(const BYTES& payload, unsigned value);
+    unsigned value;
+    unsigned char request;  // whose replies are spoilt, 0 for any
+    std::uint64_t repliesLeft;
   };
-  static constexpr int kForever = -1;
 
-  // Reads [N|forever] [ARG] into the rule; false when they do not suit its fault.
-  static bool TakeCountAndArgument(const WORDS& words, RULE* rule);
+  // Takes [COUNT|forever] [on REQUEST]; false when the words are something else.
+  static bool ParseRest(WORDS words, RULE* rule);
 
+  LINE_OUTPUT* const out_;
   std::vector<RULE> rules_;  // oldest first
 };
-
-// The faults with their arguments, one a line.
-std::string FaultHelp();
-
-}  // namespace cardsim
 
 #endif

@@ -1,101 +1,52 @@
 #include "cardsim/line_output.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
-#include <utility>
-
-namespace cardsim {
 
 namespace {
 
-constexpr size_t kMostWaiting = size_t{1024} * 1024;
-constexpr std::chrono::seconds kLastWait{1};
+constexpr size_t kMostPending = size_t{1024} * 1024;
+constexpr int kLastWaitMs = 1000;
 
-bool WriteAll(const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t written = write(STDOUT_FILENO, text.data() + done, text.size() - done);
-    if (written > 0) {
-      done += static_cast<size_t>(written);
-    } else if (errno == EAGAIN) {
-      // Somebody else may have made the descriptor non-blocking; wait all the same.
-      pollfd wait = {STDOUT_FILENO, POLLOUT, 0};
-      poll(&wait, 1, -1);
-    } else if (errno != EINTR) {
-      return false;
-    }
-  }
-  return true;
+// A terminal or pipe is opened anew, because O_NONBLOCK on the inherited open file would reach the
+// shell that shares it. A file never makes a writer wait, and a socket cannot be opened.
+int OpenOutput() {
+  if (lseek(STDOUT_FILENO, 0, SEEK_CUR) >= 0) return STDOUT_FILENO;
+  const int opened = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (opened >= 0) return opened;
+  fcntl(STDOUT_FILENO, F_SETFL, fcntl(STDOUT_FILENO, F_GETFL) | O_NONBLOCK);
+  return STDOUT_FILENO;
 }
 
 }  // namespace
 
-// Shared with the thread, which may be stuck in a write when the program ends.
-struct LINE_OUTPUT::STATE {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::string waiting;
-  size_t lost = 0;
-  bool writing = false;
-  bool broken = false;
-  bool ending = false;
-};
-
-LINE_OUTPUT::LINE_OUTPUT() : state_(std::make_shared<STATE>()) {
-  std::thread(Write, state_).detach();
-}
+LINE_OUTPUT::LINE_OUTPUT() : descriptor_(OpenOutput()) {}
 
 LINE_OUTPUT::~LINE_OUTPUT() {
-  std::unique_lock<std::mutex> lock(state_->mutex);
-  state_->ending = true;
-  state_->changed.notify_all();
-  state_->changed.wait_for(lock, kLastWait,
-                           [this] { return state_->waiting.empty() && !state_->writing; });
+  pollfd wait = {descriptor_, POLLOUT, 0};
+  while (!pending_.empty() && poll(&wait, 1, kLastWaitMs) > 0) Flush();
+  close(descriptor_);
 }
 
-void LINE_OUTPUT::Print(LINES* lines) {
-  if (lines->empty()) return;
-  {
-    const std::lock_guard<std::mutex> lock(state_->mutex);
-    for (const std::string& line : *lines) {
-      if (state_->waiting.size() + line.size() > kMostWaiting) {
-        ++state_->lost;
-        continue;
-      }
-      if (state_->lost > 0) state_->waiting += "lost " + std::to_string(state_->lost) + " lines\n";
-      state_->lost = 0;
-      state_->waiting += line + '\n';
-    }
-    if (state_->broken) state_->waiting.clear();
+void LINE_OUTPUT::Print(const std::string& line) {
+  if (pending_.size() + line.size() > kMostPending) {
+    ++lost_;
+    return;
   }
-  state_->changed.notify_all();
-  lines->clear();
+  if (lost_ > 0) pending_ += "lost " + std::to_string(lost_) + " lines\n";
+  lost_ = 0;
+  pending_ += line + '\n';
 }
 
-void LINE_OUTPUT::Write(std::shared_ptr<STATE> state) {
-  std::unique_lock<std::mutex> lock(state->mutex);
-  while (true) {
-    state->changed.wait(lock, [&state] { return state->ending || !state->waiting.empty(); });
-    if (state->waiting.empty()) return;
-    std::string text;
-    text.swap(state->waiting);
-    state->writing = true;
-    lock.unlock();
-    const bool written = WriteAll(text);
-    lock.lock();
-    state->writing = false;
-    if (!written) {
-      state->broken = true;
-      state->waiting.clear();
-    }
-    state->changed.notify_all();
+void LINE_OUTPUT::Flush() {
+  if (pending_.empty()) return;
+  const ssize_t written = write(descriptor_, pending_.data(), pending_.size());
+  if (written > 0) {
+    pending_.erase(0, static_cast<size_t>(written));
+  } else if (errno != EAGAIN && errno != EINTR) {
+    pending_.clear();
   }
 }
-
-}  // namespace cardsim

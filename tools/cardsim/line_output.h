@@ -1,35 +1,32 @@
 #ifndef CARDSIM_LINE_OUTPUT_H
 #define CARDSIM_LINE_OUTPUT_H
 
-#include <memory>
 #include <string>
 
-#include "cardsim/bytes.h"
-
-namespace cardsim {
-
-// Standard output, written by a thread of its own: a reader that stops reading, or a terminal
-// that is held, must not keep the bus from answering. Up to 1 MiB waits for a slow reader; lines
-// beyond that are lost and the next line that fits is preceded by "lost N lines". When nobody can
-// read any more (EPIPE) everything is dropped.
+// Lines on standard output. A reader that stops reading must not keep the bus from answering, so
+// nothing here waits: up to 1 MiB of text is kept for the reader. Lines beyond that are lost and
+// counted: the next one that fits comes behind "lost N lines". Without a reader all is dropped.
 class LINE_OUTPUT {
  public:
   LINE_OUTPUT();
-  // Waits up to a second for what is still to be written.
+  // Writes what is left, unless the reader takes nothing for a second.
   ~LINE_OUTPUT();
   LINE_OUTPUT(const LINE_OUTPUT&) = delete;
   LINE_OUTPUT& operator=(const LINE_OUTPUT&) = delete;
 
-  // Queues the lines, each with a line end, and empties the list. Never waits for the reader.
-  void Print(LINES* lines);
+  // Adds the line, given without its line end, to the pending text.
+  void Print(const std::string& line);
+
+  // Writes as much of the pending text as the reader has room for.
+  void Flush();
+
+  // To be polled for POLLOUT before the next Flush; -1 while nothing is pending.
+  int PendingDescriptor() const { return pending_.empty() ? -1 : descriptor_; }
 
  private:
-  struct STATE;
-  static void Write(std::shared_ptr<STATE> state);
-
-  std::shared_ptr<STATE> state_;
+  int descriptor_;
+  std::string pending_;
+  size_t lost_ = 0;
 };
-
-}  // namespace cardsim
 
 #endif

@@ -35,7 +35,7 @@ std::string NumberComplaint(const std::string& value) {
   char* end = nullptr;
   static_cast<void>(std::strtol(value.c_str(), &end, 10));
   if (!value.empty() && *end == '\0') return {};
-  return "is no whole number and read as " + std::to_string(ATOL(value));
+  return "is not a whole number and is read as " + std::to_string(ATOL(value));
 }
 
 std::string LoglevelComplaint(const std::string& value) {
@@ -57,17 +57,17 @@ std::string SwitchComplaint(const std::string& value) {
 
 std::string NameComplaint(const std::string& value) {
   if (value == "CAE" || value == "IO" || value == "MON") return {};
-  return "is none of CAE, IO and MON, so that this interface is never built";
+  return "is not CAE, IO or MON, so this interface is ignored";
 }
 
 std::string EmptyComplaint(const std::string& value) {
   if (!value.empty()) return {};
-  return "ends no line: every piece received counts as one whole line; write \\r\\n";
+  return "ends no line: every piece received counts as one line; write \\r\\n";
 }
 
 std::string HighPortComplaint(const std::string& value) {
   if (ATOL(value) <= kHighestPort) return {};
-  return "is above 65535, and the daemon would listen elsewhere; choose one of 1025 to 65535";
+  return "is above 65535, so talp would listen on another port; choose one of 1025 to 65535";
 }
 
 bool May(const std::string& path, int mode) {
@@ -82,7 +82,8 @@ std::string UserName() {
 
 std::string LogFileComplaint(const std::string& value) {
   if (value.empty()) return {};  // found as the lack of a log
-  if (value.front() != '/') return "depends on where the daemon is started; name it from the root";
+  if (value.front() != '/')
+    return "depends on the directory where the daemon is started; write an absolute path";
   const std::string directory = value.substr(0, value.rfind('/') + 1);
   if (value == directory || !May(directory, F_OK))
     return "is a directory, or in one that is missing";
@@ -165,7 +166,7 @@ FINDINGS CONFIG_WALK::Run() {
   if (!Load()) return findings_;
   const pugi::xml_node root = document_.child("TALPConfig");
   if (!root) {
-    Add(Error, "there is no root element TALPConfig, so that nothing in this file is read");
+    Add(Error, "there is no root element TALPConfig, so nothing in this file is read");
     return findings_;
   }
   WalkRoot(root);
@@ -188,7 +189,7 @@ bool CONFIG_WALK::Load() {
   } else {
     findings_.push_back(
         {Error, PlaceAt(result.offset),
-         std::string("talp does not start: this is no well-formed XML: ") + result.description()});
+         std::string("talp does not start: this is not well-formed XML: ") + result.description()});
   }
   return false;
 }
@@ -238,7 +239,7 @@ void CONFIG_WALK::WalkEntry(const pugi::xml_node& entry, std::size_t index) {
     return;
   }
   if (!entry.attribute("Name")) {
-    Add(Warning, entry, "this interface has no Name and is never built; write CAE, IO or MON");
+    Add(Warning, entry, "this interface has no Name and is ignored; write CAE, IO or MON");
   } else if (Seen("interface " + name)) {
     Add(Warning, entry, "a second interface " + Quoted(name) + " replaces the first; keep one");
   }
@@ -289,20 +290,25 @@ void CONFIG_WALK::LookForElements(const pugi::xml_node& element) {
 }
 
 void CONFIG_WALK::JudgeResult() {
-  for (const NAMED_INTERFACE& named : InterfacesOf(config_)) JudgePort(named);
+  const auto interfaces = InterfacesOf(config_);
+  for (const NAMED_INTERFACE& named : interfaces) JudgePort(named);
+  if (std::none_of(interfaces.begin(), interfaces.end(), Listens)) {
+    Add(Error, "no interface has a Port, so nobody can connect to talp");
+  }
   JudgeSharedPorts();
   if (config_.logFile.empty()) Add(Warning, "there is no log: Debuglog names no File");
 }
 
 // Without a port the daemon starts all the same, and the interface does not listen.
 void CONFIG_WALK::JudgePort(const NAMED_INTERFACE& named) {
+  if (Listens(named)) return;
   const std::string name = named.name;
-  if (named.interface->port != 0) return;
   if (named.interface->name.empty()) {
-    Add(Error, "the interface " + name + " is missing; add <Interface Name=\"" + name +
-                   "\" Port=\"...\"/> to Interfaces");
+    Add(Warning, "the interface " + name + " is missing and does not listen; if it should, add " +
+                     "<Interface Name=\"" + name + "\" Port=\"...\"/> to Interfaces");
   } else {
-    Add(Error, "the interface " + name + " has no Port; choose one of 1025 to 65535");
+    Add(Warning, "the interface " + name +
+                     " has no Port and does not listen; if it should, choose one of 1025 to 65535");
   }
 }
 
@@ -310,8 +316,7 @@ void CONFIG_WALK::JudgeSharedPorts() {
   const auto interfaces = InterfacesOf(config_);
   for (auto first = interfaces.begin(); first != interfaces.end(); ++first) {
     for (auto second = std::next(first); second != interfaces.end(); ++second) {
-      if (first->interface->port == 0 || first->interface->port != second->interface->port)
-        continue;
+      if (!Listens(*first) || first->interface->port != second->interface->port) continue;
       Add(Error, std::string("the interfaces ") + first->name + " and " + second->name +
                      " have one Port, " + std::to_string(first->interface->port) +
                      ", and only one of them can listen there; give each its own");
@@ -354,5 +359,7 @@ FINDINGS CheckConfig(const std::string& path) { return CONFIG_WALK(path).Run(); 
 std::array<NAMED_INTERFACE, 3> InterfacesOf(const CONFIG_DESCRIPTOR& config) {
   return {{{"CAE", &config.cae}, {"IO", &config.io}, {"MON", &config.mon}}};
 }
+
+bool Listens(const NAMED_INTERFACE& named) { return named.interface->port != 0; }
 
 }  // namespace check

@@ -9,9 +9,9 @@
 
 namespace check {
 
-// What is wrong, or not as it looks, in the configuration at `path`, in document order. What the
-// daemon itself refuses comes from its own reader. Opens nothing for writing: whether the log can
-// be written is asked for the user that runs this.
+// What is wrong, or has no effect, in the configuration at `path`, in document order. What the
+// daemon refuses is found by the daemon's own reader. Opens nothing for writing: whether the log
+// can be written is checked for the user that runs this.
 FINDINGS CheckConfig(const std::string& path);
 
 struct NAMED_INTERFACE {
@@ -21,6 +21,9 @@ struct NAMED_INTERFACE {
 
 // The interfaces that the daemon builds, in the order of their start.
 std::array<NAMED_INTERFACE, 3> InterfacesOf(const CONFIG_DESCRIPTOR& config);
+
+// False if the configuration leaves the interface out, or gives it no port.
+bool Listens(const NAMED_INTERFACE& named);
 
 }  // namespace check
 

@@ -8,50 +8,51 @@
 
 namespace {
 
+constexpr int kFailed = 1;
+constexpr int kWrongUsage = 2;
+constexpr int kLongestWait = 3600;  // seconds
+constexpr int kOptionColumn = 22;
+
 constexpr char kDescription[] =
-    "Tells whether talp's configuration says what it seems to say, and whether the daemon that\n"
-    "runs does what its configuration says. Changes nothing and never connects to talp.\n";
+    "Checks talp's configuration and the running talp. Nothing is changed, and no connection is\n"
+    "made to talp. Each finding is one line:\n"
+    "  PLACE: ok|warning|error: what, and what to do\n"
+    "An error means that talp does not start or does not serve as configured. With a warning it\n"
+    "runs, but not as somebody may expect; talp-check(1) lists both.";
 
 constexpr char kFooter[] =
-    "Each finding is one line, \"PLACE: ok|warning|error: what, and what to do\".\n"
-    "  error    talp does not start, or does not serve as the configuration says: a document\n"
-    "           that cannot be read, a Port refused, above 65535 or shared, an interface missing;\n"
-    "           no talp running by its PID file, a configured port not listened on\n"
-    "  warning  talp serves all the same: unknown elements and attributes, Speed behind\n"
-    "           Interfaces, a fifth or a second interface of a name, Percent, Loglevel or Action\n"
-    "           values without effect, an empty InpSeparator, a log that cannot be written; an\n"
-    "           adapter that is missing, silent or not allowed, which talp tries again by itself\n"
-    "Exit status: 1 if there is an error (with --strict: or a warning), else 0.\n\n"
-    "Whether the log can be written is asked for the user that runs this. As the service sees it:\n"
+    "Exit status: 0 without errors (with --strict, without findings), 1 with them, 2 when the\n"
+    "command line is wrong.\n\n"
+    "Whether the log can be written is checked for the user who runs this. As the service:\n"
     "  runuser -u talp -- talp-check config\n"
-    "To look into a daemon of another user, root is needed:\n"
-    "  sudo talp-check running\n";
-
-constexpr char kConfigFile[] = "/etc/talp/talpconf.xml";
-// A client that leaves makes its interface pause for some four seconds before it listens again.
-constexpr int kDefaultPatience = 6;
-constexpr int kLongestPatience = 3600;
-constexpr int kFailed = 1;
+    "Only root can inspect a daemon of another user:\n"
+    "  sudo talp-check running";
 
 struct OPTIONS {
-  std::string file = kConfigFile;
-  int patience = kDefaultPatience;  // seconds
+  std::string file = "/etc/talp/talpconf.xml";
+  int wait = 6;  // seconds
   bool strict = false;
 };
 
-// CLI11 has exit statuses of its own; here a wrong command line is a failed check.
-int Run(CLI::App* app, int argc, char** argv, const OPTIONS& options) {
-  try {
-    app->parse(argc, argv);
-  } catch (const CLI::ParseError& end) {
-    return app->exit(end) == 0 ? 0 : kFailed;
-  }
-  const check::FINDINGS findings =
-      app->got_subcommand("config")
-          ? check::CheckConfig(options.file)
-          : check::CheckRunning(options.file, std::chrono::seconds(options.patience));
+CLI::App* AddCommand(const char* name, const char* description, CLI::App* app, OPTIONS* options) {
+  CLI::App* const command = app->add_subcommand(name, description);
+  command->add_flag("--strict", options->strict, "fail on warnings as well as on errors");
+  command->add_option("FILE", options->file, "the configuration; default " + options->file)
+      ->option_text(" ");
+  return command;
+}
+
+void AddWait(CLI::App* running, OPTIONS* options) {
+  running
+      ->add_option("--wait", options->wait,
+                   "look again for so long while there is an error; default 6")
+      ->check(CLI::Range(0, kLongestWait))
+      ->option_text("SECONDS");
+}
+
+int Report(const check::FINDINGS& findings, bool strict) {
   check::Print(findings, &std::cout);
-  const check::Severity worst = options.strict ? check::Warning : check::Error;
+  const check::Severity worst = strict ? check::Warning : check::Error;
   return check::WorstOf(findings) >= worst ? kFailed : 0;
 }
 
@@ -61,17 +62,21 @@ int main(int argc, char** argv) {
   OPTIONS options;
   CLI::App app(kDescription, "talp-check");
   app.footer(kFooter);
+  app.get_formatter()->column_width(kOptionColumn);
+  app.set_version_flag("--version", "talp-check " TALP_VERSION);
   app.require_subcommand(1);
-  CLI::App* const config = app.add_subcommand("config", "check a configuration");
-  CLI::App* const running =
-      app.add_subcommand("running", "check the running daemon against its configuration");
-  for (CLI::App* const verb : {config, running}) {
-    verb->add_option("FILE", options.file, "the configuration")->capture_default_str();
-    verb->add_flag("--strict", options.strict, "let warnings fail the check, too");
+  const CLI::App* const config = AddCommand(
+      "config", "report what is wrong, or has no effect, in the configuration", &app, &options);
+  CLI::App* const running = AddCommand(
+      "running", "compare the running talp with it: process, ports, adapter, log", &app, &options);
+  AddWait(running, &options);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& stop) {
+    return app.exit(stop) == 0 ? 0 : kWrongUsage;
   }
-  running
-      ->add_option("--wait", options.patience, "how long an error must last to count, in seconds")
-      ->check(CLI::Range(0, kLongestPatience))
-      ->capture_default_str();
-  return Run(&app, argc, argv, options);
+  const check::FINDINGS findings =
+      config->parsed() ? check::CheckConfig(options.file)
+                       : check::CheckRunning(options.file, std::chrono::seconds(options.wait));
+  return Report(findings, options.strict);
 }

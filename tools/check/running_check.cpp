@@ -2,8 +2,10 @@
 
 #include <glob.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <fstream>
 #include <iterator>
@@ -36,7 +38,7 @@ const LOG_RULE kLogRules[] = {
     {"ttyUSB devices couldn't be found", Warning, "plug the adapter in; talp finds it by itself"},
     {"unable to  open ", Warning, "see that talp's user may use the adapter"},
     {"unable to  write to ", Warning, "see that the adapter is still plugged in"},
-    {"from tcsetattr", Warning, "this is no serial adapter that can do 460800 baud"},
+    {"from tcsetattr", Warning, "this serial adapter cannot do 460800 baud"},
     {"comm timeout ", Warning,
      "the card bus does not answer: see to its power and cable, and that no other program, such "
      "as ModemManager, uses the adapter"},
@@ -80,8 +82,13 @@ class DAEMON_LOOK {
 
   FINDINGS Run();
 
+  // After Run: false if another look by the same user can find nothing more.
+  bool MayChange() const { return mayChange_; }
+
  private:
   bool FindProcess();
+  bool ReadPidFile();
+  void NeedsRoot(const char* place, const std::string& what);
   void JudgeAge();
   void JudgePorts();
   void JudgePort(const NAMED_INTERFACE& named);
@@ -100,14 +107,14 @@ class DAEMON_LOOK {
   std::vector<TCP_SOCKET> sockets_;
   std::vector<std::string> adapters_;
   FINDINGS findings_;
+  bool mayChange_ = true;
 };
 
 FINDINGS DAEMON_LOOK::Run() {
   if (!FindProcess()) return findings_;
   JudgeAge();
   if (!MayInspect(process_)) {
-    Add(Error, "",
-        "process " + std::to_string(process_) + " belongs to another user; look again as root");
+    NeedsRoot("", "process " + std::to_string(process_) + " belongs to another user");
     return findings_;
   }
   sockets_ = SocketsOf(process_);
@@ -119,13 +126,7 @@ FINDINGS DAEMON_LOOK::Run() {
 }
 
 bool DAEMON_LOOK::FindProcess() {
-  std::ifstream file(kPidFile);
-  if (!(file >> process_)) {
-    Add(Error, kPidFile,
-        "talp has not been started, or may not write this file; start it with "
-        "systemctl start talp");
-    return false;
-  }
+  if (!ReadPidFile()) return false;
   const std::string name = ProcessName(process_);
   const std::string process = "process " + std::to_string(process_);
   if (name == kDaemonName) {
@@ -139,6 +140,23 @@ bool DAEMON_LOOK::FindProcess() {
   return false;
 }
 
+bool DAEMON_LOOK::ReadPidFile() {
+  if (std::ifstream(kPidFile) >> process_) return true;
+  if (access(kPidFile, R_OK) != 0 && errno == EACCES) {
+    NeedsRoot(kPidFile, "this user may not read the file");
+  } else {
+    Add(Error, kPidFile,
+        "talp has not been started, or may not write this file; start it with "
+        "systemctl start talp");
+  }
+  return false;
+}
+
+void DAEMON_LOOK::NeedsRoot(const char* place, const std::string& what) {
+  mayChange_ = false;
+  Add(Error, place, what + "; look again as root");
+}
+
 // The daemon writes its PID file when it starts and reads its configuration right after.
 void DAEMON_LOOK::JudgeAge() {
   struct stat start {};
@@ -149,7 +167,9 @@ void DAEMON_LOOK::JudgeAge() {
 }
 
 void DAEMON_LOOK::JudgePorts() {
-  for (const NAMED_INTERFACE& named : InterfacesOf(config_)) JudgePort(named);
+  for (const NAMED_INTERFACE& named : InterfacesOf(config_)) {
+    if (Listens(named)) JudgePort(named);
+  }
   JudgeStrayPorts();
 }
 
@@ -179,7 +199,7 @@ std::string DAEMON_LOOK::PortOwner(int port) const {
   return "systemctl restart talp, and see the log for why if that does not help";
 }
 
-// A port that was taken at the start makes the daemon listen on one that the system chooses.
+// If its port was taken at the start, an interface listens on one that the system chose.
 void DAEMON_LOOK::JudgeStrayPorts() {
   for (const TCP_SOCKET& socket : sockets_) {
     if (!socket.listening || Configured(socket.localPort)) continue;
@@ -224,18 +244,19 @@ void DAEMON_LOOK::JudgeLog() {
 
 }  // namespace
 
-FINDINGS CheckRunning(const std::string& path, std::chrono::seconds patience) {
+FINDINGS CheckRunning(const std::string& path, std::chrono::seconds wait) {
   const CONFIG_DESCRIPTOR config = ReadConfigFile(path.c_str());
   if (config.errorText != kNoConfigError) {
     return {{Error, path, config.errorText + "; talp-check config tells more"}};
   }
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  FINDINGS findings = DAEMON_LOOK(path, config).Run();
-  while (WorstOf(findings) == Error && std::chrono::steady_clock::now() < deadline) {
+  const auto deadline = std::chrono::steady_clock::now() + wait;
+  for (;;) {
+    DAEMON_LOOK look(path, config);
+    FINDINGS findings = look.Run();
+    if (WorstOf(findings) != Error || !look.MayChange()) return findings;
+    if (std::chrono::steady_clock::now() >= deadline) return findings;
     std::this_thread::sleep_for(kRetryPause);
-    findings = DAEMON_LOOK(path, config).Run();
   }
-  return findings;
 }
 
 }  // namespace check

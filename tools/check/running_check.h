@@ -8,11 +8,12 @@
 
 namespace check {
 
-// What is wrong with the running daemon, held against the configuration at `path`. Only looks:
-// a connection would take the place of the one client of an interface. Errors must last for
-// `patience` to count, which gives a daemon that starts, or an interface that opens anew behind a
-// client that has left, the time to come up; without errors it returns at once.
-FINDINGS CheckRunning(const std::string& path, std::chrono::seconds patience);
+// What is wrong with the running daemon, compared with the configuration at `path`; an interface
+// that is not configured is not judged. Only looks: a connection would take the place of the one
+// client of an interface. While there is an error it looks again, for up to `wait`, because a
+// daemon that starts, or an interface whose client has left, takes seconds to listen. Returns at
+// once without an error, and with one that only another user can get past.
+FINDINGS CheckRunning(const std::string& path, std::chrono::seconds wait);
 
 }  // namespace check
 

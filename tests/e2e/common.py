@@ -1,0 +1,60 @@
+"""What several scenarios play with."""
+
+import re
+import sys
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
+import talpkit
+
+play = talpkit.play
+
+ADAPTER = "/dev/ttyUSB0"
+TOPIC = "talp/b/"  # of the bridge's node
+KINDS = ("0=servo", "3=din", "4=motor", "5=dout", "8=keypad", "9=ir", "E=lcd", "F=analog")
+ALL_CARDS = ("--version-text", "2.07", "--frames", *(f"--card={kind}" for kind in KINDS))
+HANDSHAKE = ("rx 03 40 6F 9A", "tx 05 40 32 2E 30 37")
+DISCOVERY = ("rx 01 30", "tx 11 31 05 00 00 04 06 03 00 00 08 0A 00 00 00 00 09 07")
+
+
+def hardware_found(adapter=ADAPTER):
+    return (
+        f"[INF] try to catch hardware on {adapter}",
+        f"[INF] hardware found on {adapter} version: 2.07",
+    )
+
+
+def reboot(cae, bus):
+    """Exchanges come one after the other: this answer shows that the one before is taken in."""
+    cae.ask("REBOOT:5", "CIA: Card is REBOOTED", "RBT:0x5:OK", ">")
+    bus.expect_next("rx 04 50 05 01 AB", "direct 5 reboot", "tx 04 51 05 AB 00")
+
+
+def expect_discovery(cae, bus):
+    bus.expect_next(*HANDSHAKE, *DISCOVERY)
+    reboot(cae, bus)
+
+
+def switch_polling(cae, on):
+    verb = "ENABLE" if on else "DISABLE"
+    cae.ask(f"{verb}POLL", f"CIA: GLOBAL POLLING IS {verb}D", ">")
+
+
+def expect_refusal(watcher, topic, payload, reason):
+    wanted = f"{TOPIC}error {TOPIC}{topic} '{payload}': {reason}"
+    watcher.expect(re.compile(re.escape(wanted) + ".*"))
+
+
+def start_board(stage, *options):
+    """A daemon that polls and has found its cards."""
+    bus = stage.bus(*options)
+    pid = stage.start(poll=True)
+    cae = stage.client("CAE")
+
+    def listed():
+        cae.send("DISCOVER\r\n")
+        return "DIGITAL INPUT" in cae.expect_after(">\r\n\r")
+
+    talpkit.wait_for("the cards", listed)
+    cae.close()
+    return bus, pid

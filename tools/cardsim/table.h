@@ -1,0 +1,23 @@
+#ifndef CARDSIM_TABLE_H
+#define CARDSIM_TABLE_H
+
+#include <string>
+
+// The row of a table with this name; null if there is none.
+template <typename ROW, size_t COUNT>
+const ROW* FindRow(const ROW (&rows)[COUNT], const std::string& name) {
+  for (const ROW& row : rows) {
+    if (name == row.name) return &row;
+  }
+  return nullptr;
+}
+
+// "dout, din, ...".
+template <typename ROW, size_t COUNT>
+std::string RowNames(const ROW (&rows)[COUNT]) {
+  std::string names;
+  for (const ROW& row : rows) names += (names.empty() ? "" : ", ") + std::string(row.name);
+  return names;
+}
+
+#endif
