@@ -1,0 +1,172 @@
+#!/usr/bin/env -S python3 -B
+"""What a broker's clients and the cards of one board say to each other through the bridge."""
+
+import collections
+import json
+import re
+import subprocess
+from pathlib import Path
+
+from common import ALL_CARDS, DISCOVERY, TOPIC, expect_refusal, switch_polling
+from talpkit import check, check_equal
+from talpmqtt import Broker, play, start_bridge
+
+TEXT = {"clear": True, "light": True, "cursor": False, "text": "Hi", "column": 3, "line": 1}
+CLEAR_LIGHT_CURSOR_OFF = ("rx 04 10 0E 01 00", "rx 04 10 0E 01 01", "rx 04 10 0E 01 04")
+# Topic and payload, the frames on the wire, and the messages that tell.
+COMMANDS = (
+    ("card/5/1/set", "251", ("rx 05 10 05 02 FF FB",), ("card/5/1 251", "card/5/1/2 ON")),
+    ("card/5/1/3/set", "ON", ("rx 05 10 05 02 FF F3",), ("card/5/1 243", "card/5/1/3 ON")),
+    ("card/5/1/2/set", "OFF", ("rx 05 10 05 02 FF F7",), ("card/5/1 247", "card/5/1/2 OFF")),
+    ("io/set", "a5b0d00", ("rx 05 10 05 02 00 F7",), ("card/5/0 0", "card/5/0/0 ON")),
+    ("card/0/4/set", "16", ("rx 09 10 00 06 80 80 80 80 10 80",), ("card/0/4 16",)),
+    ("card/9/ir/set", "4f4B", ("rx 06 10 09 03 02 4F 4B",), ()),
+    (
+        "card/E/lcd/set",
+        json.dumps(TEXT),
+        (*CLEAR_LIGHT_CURSOR_OFF, "rx 09 10 0E 06 09 03 01 48 69 00"),
+        (),
+    ),
+)
+NOTHING = "talp has nothing to send to a card for it"
+REFUSED = (
+    ("card/5/1/set", "256", "not a number from 0 to 255"),
+    ("card/5/1/set", "2 ", "not a number from 0 to 255"),
+    ("card/3/0/set", "1", "no such output block there"),
+    ("card/5/2/set", "1", "no such output block there"),
+    ("card/0/0/1/set", "ON", "no digital output there"),
+    ("card/5/0/1/set", "on", "neither ON nor OFF"),
+    ("card/5/lcd/set", '{"clear":true}', NOTHING),
+    ("card/E/lcd/set", 200 * "[", "[json.exception.parse_error.101]"),
+    ("card/E/lcd/set", '{"clear":1}', "[json.exception.type_error.302]"),
+    ("card/E/lcd/set", '["clear"]', "not a JSON object"),
+    ("card/E/lcd/set", '{"clear":false}', "it asks for nothing"),
+    ("card/E/lcd/set", '{"light":true,"off":true}', "unknown key"),
+    ("card/E/lcd/set", '{"text":"x","line":256}', "column and line are numbers from 0 to 255"),
+    ("card/9/ir/set", "4F4", "not bytes of two hexadecimal digits each"),
+    ("card/9/ir/set", 35 * "4F", NOTHING),
+    ("io/set", "EXIT", NOTHING),
+    ("card/5/9/set", "1", "unknown topic"),
+)
+
+
+def drive_outputs(broker, subscriber, bus):
+    for topic, payload, frames, messages in COMMANDS:
+        broker.publish(TOPIC + topic, payload)
+        for message in messages:
+            subscriber.expect(TOPIC + message)
+        for frame in frames:
+            bus.expect(frame)
+            bus.expect(re.compile("tx 02 41 0."))
+    check_equal(broker.retained(TOPIC + "card/0/4"), {TOPIC + "card/0/4": "16"}, "servo")
+
+
+def refuse(broker, subscriber, bus):
+    for topic, payload, reason in REFUSED:
+        broker.publish(TOPIC + topic, payload)
+        expect_refusal(subscriber, topic, payload, reason)
+    broker.publish(TOPIC + "io/set", "a5b0d00\r\na5b1d00")
+    expect_refusal(subscriber, "io/set", "a5b0d00??a5b1d00", "it holds a line end")
+    broker.publish(TOPIC + "card/5/0/set", "1", "-r")
+    retained = "it is retained, and would run again at every connect"
+    expect_refusal(subscriber, "card/5/0/set", "1", retained)
+    broker.publish(TOPIC + "card/5/0/set", "", "-r")
+    # Nothing of all this has reached the wire.
+    broker.publish(TOPIC + "io/set", "a4b0d01")
+    bus.expect_next("rx 07 10 04 04 01 00 00 00", "out 4 motor 01 00 00 00", "tx 02 41 04")
+
+
+def report_inputs(stage, subscriber, bus):
+    bus.order("set 3 0 41", "set 8 0 1B", "set F 3 80")
+    cae = stage.patient_client("CAE")
+    switch_polling(cae, True)
+    subscriber.expect(TOPIC + "io a3b0d41")
+    bits = [f"{TOPIC}card/3/0/{bit} {'ON' if bit in (0, 6) else 'OFF'}" for bit in range(8)]
+    subscriber.expect_next(TOPIC + "card/3/0 65", *bits)
+    subscriber.expect_next(TOPIC + "io a8b0d1B", TOPIC + "card/8/0 27")
+    subscriber.expect(TOPIC + "card/F/3 128")
+    bus.order("set 3 0 40")
+    subscriber.expect(TOPIC + "io a3b0d40")
+    subscriber.expect_next(TOPIC + "card/3/0 64", TOPIC + "card/3/0/0 OFF")
+    switch_polling(cae, False)
+    cae.close()
+
+
+def use_documents(broker, subscriber):
+    """Each entity's topics do what Home Assistant would do with them."""
+    documents = broker.documents()
+    counts = collections.Counter(name.split("/")[1] for name in documents)
+    wanted = {"binary_sensor": 16, "switch": 16, "sensor": 7, "number": 10}
+    check_equal(counts, wanted, "entities")
+    check_equal(len({entry["unique_id"] for entry in documents.values()}), 49, "unique ids")
+    for name, entry in documents.items():
+        of_all = entry["availability_topic"], entry["device"]["identifiers"]
+        check_equal(of_all, (TOPIC + "status", ["talp_b"]), name)
+        if "command_topic" in entry:
+            values = ("0", "255") if "/number/" in name else ("OFF", "ON")
+            broker.publish_lines(entry["command_topic"], values)
+            subscriber.expect(f"{entry['state_topic']} {values[1]}")
+    states = {entry["state_topic"] for entry in documents.values()}
+    inputs = {f"{TOPIC}card/{part}" for part in ("3/0/6", "8/0", "F/3")}
+    check(inputs <= states, "reported inputs are no states of entities")
+    home = broker.subscribe("homeassistant/#")
+    broker.publish("homeassistant/status", "online")
+    home.expect("homeassistant/status online")
+    for name in sorted(documents):
+        home.expect(re.compile(re.escape(name) + " {.*}"))
+
+
+def lose_card(stage, broker, subscriber, bus):
+    bus.order("card 5 none", "card 3 keypad")
+    cae = stage.patient_client("CAE")
+    cae.ask("FORCEDISCOVER", "FORCED DISCOVER LIST:")
+    cae.close()
+    broker.publish(TOPIC + "discover/set", "")
+    subscriber.expect(TOPIC + "card/3/kind KEYMX and ROTE CONTROLLER")
+    subscriber.expect(TOPIC + "card/5/1/7 (null)")
+    subscriber.expect(TOPIC + "card/5/kind (null)")
+    check_equal(broker.retained(TOPIC + "card/5/#"), {}, "topics of a card that is gone")
+    left = [name for name in broker.documents() if "card5" in name or "card3_0_" in name]
+    check_equal(left, [], "documents of cards that are gone")
+
+
+def refuse_options(stage):
+    bad = Path("/run/bad.conf")
+    bad.write_text("no-such = 1\n")
+    for options, reason in (
+        (("--no-such",), ".*"),
+        (("--node", "a+b"), ".*"),
+        (("--password-file", "/etc/passwd"), ".*"),
+        (("--config", bad), ".*"),
+        ((), ".*talpconf.xml.*"),  # without the daemon's configuration the ports are needed
+    ):
+        command = [stage.build / "tools/mqtt/talp-mqtt", *options]
+        done = subprocess.run(command, timeout=20, capture_output=True, text=True)
+        check_equal(done.returncode, 2, f"status of {options}")
+        check(re.fullmatch(f"talp-mqtt: {reason}\n", done.stderr), f"{options}: {done.stderr!r}")
+
+
+def mqtt(stage):
+    refuse_options(stage)
+    broker = Broker(stage)
+    subscriber = broker.subscribe(TOPIC + "#")
+    for topic in ("card/1/kind", "card/1/0", "card/2/0/1"):
+        broker.publish(TOPIC + topic, "of an earlier run", "-r")
+    broker.publish("homeassistant/switch/talp_b/card1_0/config", "of an earlier run", "-r")
+    bus = stage.bus(*ALL_CARDS)
+    stage.start()
+    bus.expect(DISCOVERY[1])
+    start_bridge(stage, node="b")
+    subscriber.expect(TOPIC + "status online")
+    subscriber.expect(TOPIC + "card/3/kind 16 channel DIGITAL INPUT")
+    subscriber.expect(TOPIC + "card/1/kind (null)")
+    kinds = broker.retained(TOPIC + "card/#")
+    check_equal(sorted(kinds), sorted(f"{TOPIC}card/{digit}/kind" for digit in "034589EF"), "kinds")
+    drive_outputs(broker, subscriber, bus)
+    refuse(broker, subscriber, bus)
+    report_inputs(stage, subscriber, bus)
+    use_documents(broker, subscriber)
+    lose_card(stage, broker, subscriber, bus)
+
+
+play(mqtt)
