@@ -1,22 +1,19 @@
 #include "card_bus.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <stdlib.h>
-#include <sys/eventfd.h>
+#include <limits.h>
+#include <pty.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
 #include <stdexcept>
-
-#include "clock.h"
-#include "priority.h"
 
 namespace bench {
 
 namespace {
+
+constexpr unsigned char kDigitalOutput = 3;
+constexpr unsigned char kDigitalInput = 4;
 
 constexpr unsigned char kHandshake = '@';
 constexpr unsigned char kDiscovery = '0';
@@ -25,8 +22,16 @@ constexpr unsigned char kPoll = 0x20;
 
 }  // namespace
 
-CARD_BUS::CARD_BUS(const KINDS& kinds) : kinds_(kinds) {
-  Open();
+CARD_BUS::CARD_BUS(int inputs) {
+  std::fill_n(kinds_.begin(), inputs, kDigitalInput);
+  if (inputs > 0) kinds_[kOutputCard] = kDigitalOutput;
+  char name[PATH_MAX];
+  termios raw{};
+  cfmakeraw(&raw);
+  if (openpty(&master_, &slave_, name, &raw, nullptr) != 0) {
+    throw std::runtime_error("no pty for the card bus");
+  }
+  device_ = name;
   thread_ = std::thread([this] { Serve(); });
 }
 
@@ -38,25 +43,12 @@ CARD_BUS::~CARD_BUS() {
   thread_.join();
   close(slave_);
   close(master_);
-  close(outputEvent_);
 }
 
-void CARD_BUS::Open() {
-  outputEvent_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-  char name[PATH_MAX];
-  if (master_ < 0 || grantpt(master_) != 0 || unlockpt(master_) != 0 ||
-      ptsname_r(master_, name, sizeof name) != 0) {
-    throw std::runtime_error("no pty for the card bus");
-  }
-  device_ = name;
-  slave_ = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
-  termios settings{};
-  if (slave_ < 0 || tcgetattr(slave_, &settings) != 0) {
-    throw std::runtime_error("cannot open " + device_);
-  }
-  cfmakeraw(&settings);
-  tcsetattr(slave_, TCSANOW, &settings);
+void CARD_BUS::Flow(int rate, int count) {
+  nextChange_ = Now();
+  changeInterval_ = kSecond / rate;
+  changesLeft_ = count;
 }
 
 void CARD_BUS::Serve() {
@@ -67,69 +59,45 @@ void CARD_BUS::Serve() {
     const ssize_t count = read(master_, bytes, sizeof bytes);
     if (count <= 0) return;
     received.insert(received.end(), bytes, bytes + count);
-    ServeFrames(&received);
-  }
-}
-
-void CARD_BUS::ServeFrames(BYTES* received) {
-  while (!received->empty() && received->size() > received->front()) {
-    const auto end = received->begin() + 1 + received->front();
-    const BYTES request(received->begin() + 1, end);
-    received->erase(received->begin(), end);
-    if (!request.empty()) Send(Answer(request));
+    while (!received.empty() && received.size() > received.front()) {
+      const auto end = received.begin() + 1 + received.front();
+      const BYTES request(received.begin() + 1, end);
+      received.erase(received.begin(), end);
+      if (!request.empty()) Send(Answer(request));
+    }
   }
 }
 
 CARD_BUS::BYTES CARD_BUS::Answer(const BYTES& request) {
-  const std::size_t address = request.size() > 1 ? request[1] % kAddresses : 0;
+  const unsigned char address = request.size() > 1 ? request[1] % kAddresses : 0;
+  BYTES discovery = {'1'};
   switch (request[0]) {
     case kHandshake:
       return {'@', '1', '.', '0', '0'};
     case kDiscovery:
-      return DiscoveryAnswer();
+      discovery.insert(discovery.end(), kinds_.begin(), kinds_.end());
+      return discovery;
     case kPoll:
-      return AnswerPoll(address);
-    case kSetOutputs: {
-      const std::uint64_t one = 1;
-      outputAt_ = Now();
-      static_cast<void>(!write(outputEvent_, &one, sizeof one));
+      if (changesLeft_ > 0 && Now() >= nextChange_) {
+        ++inputs_[address];
+        nextChange_ += changeInterval_;
+        --changesLeft_;
+      }
+      return {'!', address, inputs_[address], 0};
+    case kSetOutputs:
+      outputs_.Note();
       break;
-    }
     default:
       break;
   }
-  return {'A', static_cast<unsigned char>(address)};
-}
-
-CARD_BUS::BYTES CARD_BUS::DiscoveryAnswer() const {
-  BYTES answer(1 + kinds_.size(), '1');
-  std::copy(kinds_.begin(), kinds_.end(), answer.begin() + 1);
-  return answer;
-}
-
-CARD_BUS::BYTES CARD_BUS::AnswerPoll(std::size_t address) {
-  const unsigned char state = inputs_[address];
-  if (state != reported_[address]) {
-    reported_[address] = state;
-    reportedAt_[address] = Now();
-  }
-  return {'!', static_cast<unsigned char>(address), state, 0};
+  return {'A', address};
 }
 
 void CARD_BUS::Send(const BYTES& payload) {
-  BYTES frame(1 + payload.size());
-  frame[0] = static_cast<unsigned char>(payload.size());
-  std::copy(payload.begin(), payload.end(), frame.begin() + 1);
+  BYTES frame = {static_cast<unsigned char>(payload.size())};
+  frame.insert(frame.end(), payload.begin(), payload.end());
   static_cast<void>(!write(master_, frame.data(), frame.size()));
   exchanges_.fetch_add(1, std::memory_order_relaxed);
-}
-
-std::int64_t CARD_BUS::WaitForOutput(int timeout) {
-  pollfd entry{outputEvent_, POLLIN, 0};
-  std::uint64_t count = 0;
-  if (poll(&entry, 1, timeout) <= 0) return 0;
-  static_cast<void>(!read(outputEvent_, &count, sizeof count));
-  return outputAt_;
 }
 
 }  // namespace bench

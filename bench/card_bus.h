@@ -9,23 +9,21 @@
 #include <thread>
 #include <vector>
 
+#include "timing.h"
+
 namespace bench {
 
 constexpr int kAddresses = 16;
-constexpr unsigned char kNoCard = 0;
-constexpr unsigned char kOutputCard = 3;
-constexpr unsigned char kInputCard = 4;
-
-// The kind of card at each address.
-using KINDS = std::array<unsigned char, kAddresses>;
+constexpr int kOutputCard = 15;  // the address of the output card
 
 // A card bus of digital cards on a pty, answered by a thread of its own at real-time priority. It
-// waits in read(2), so that it takes no processor away from what is measured, and notes when what
-// passed. It frames by itself and shares nothing with the daemon, on purpose.
+// waits in read(2), so that it takes no CPU time away from what is measured, and notes when what
+// passed. It does its own framing: a mistake shared with the daemon would not be seen.
 class CARD_BUS {
  public:
-  // Throws std::runtime_error if there is no pty to be had.
-  explicit CARD_BUS(const KINDS& kinds);
+  // Input cards at the addresses below `inputs` and, if there are any, an output card. Throws
+  // std::runtime_error if there is no pty to be had.
+  explicit CARD_BUS(int inputs);
   ~CARD_BUS();
   CARD_BUS(const CARD_BUS&) = delete;
   CARD_BUS& operator=(const CARD_BUS&) = delete;
@@ -35,40 +33,36 @@ class CARD_BUS {
 
   std::int64_t Exchanges() const { return exchanges_; }
 
-  // From now on the input card at `address` reports `state` in its block 0.
-  void ChangeInput(int address, unsigned char state) { inputs_[Index(address)] = state; }
+  // What the input card at `address` reports in its block 0.
+  std::atomic<unsigned char>& Input(int address) {
+    return inputs_[static_cast<std::size_t>(address)];
+  }
 
-  // When the card's first answer with a new state was written to the wire.
-  std::int64_t ReportedAt(int address) const { return reportedAt_[Index(address)]; }
+  // From now on inputs change by themselves, `rate` times a second and `count` times in all: with
+  // each change the state of a card rises by one.
+  void Flow(int rate, int count);
 
-  // Waits for the next frame that sets outputs; returns when it came off the wire, 0 if none came
-  // within `timeout` milliseconds.
-  std::int64_t WaitForOutput(int timeout);
+  // When a frame that sets outputs came off the wire.
+  MOMENT& Outputs() { return outputs_; }
 
  private:
   using BYTES = std::vector<unsigned char>;
 
-  static std::size_t Index(int address) { return static_cast<std::size_t>(address); }
-
-  void Open();
   void Serve();
-  void ServeFrames(BYTES* received);
   BYTES Answer(const BYTES& request);
-  BYTES AnswerPoll(std::size_t address);
-  BYTES DiscoveryAnswer() const;
   void Send(const BYTES& payload);
 
-  const KINDS kinds_;
+  std::array<unsigned char, kAddresses> kinds_{};
   std::string device_;
   int master_ = -1;
-  int slave_ = -1;  // kept open, so that the pty lives on between two daemons
-  int outputEvent_ = -1;
+  int slave_ = -1;  // kept open, so that the pty outlives the other side
   std::atomic<bool> stopping_{false};
   std::atomic<std::int64_t> exchanges_{0};
-  std::atomic<std::int64_t> outputAt_{0};
   std::array<std::atomic<unsigned char>, kAddresses> inputs_{};
-  std::array<unsigned char, kAddresses> reported_{};
-  std::array<std::atomic<std::int64_t>, kAddresses> reportedAt_{};
+  std::atomic<std::int64_t> nextChange_{0};
+  std::atomic<std::int64_t> changeInterval_{0};
+  std::atomic<int> changesLeft_{0};
+  MOMENT outputs_;
   std::thread thread_;
 };
 
