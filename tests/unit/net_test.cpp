@@ -2,16 +2,32 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "core/file_descriptor.h"
 #include "net/io_command.h"
 #include "net/socket_interface.h"
 #include "support.h"
+
+namespace {
+
+std::function<void()> whileOpening;
+
+}  // namespace
+
+// Stands in for the C library's: once, something else happens while a listener is being opened.
+extern "C" int listen(int socket, int backlog) noexcept {
+  if (whileOpening) std::exchange(whileOpening, nullptr)();
+  return static_cast<int>(syscall(SYS_listen, socket, backlog));
+}
 
 namespace {
 
@@ -138,16 +154,18 @@ TEST_F(SocketInterface, CloseByCommandEndsWhatItIsBlockedIn) {
     ASSERT_TRUE(ComesTrue(accepts));
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(20));  // it waits for a client now
+  // A second close comes while the listener is being opened again.
+  whileOpening = [&interface] { interface.CloseByCommand(); };
   interface.CloseByCommand();
-  ASSERT_TRUE(ComesTrue(accepts));
+  // Before each accept, and in the two cycles after each close.
+  const auto paused = [&] { return ReadFile(pauses_) == "3\n2\n2\n3\n2\n2\n2\n2\n3\n"; };
+  ASSERT_TRUE(ComesTrue(paused)) << ReadFile(pauses_);
   // What was left comes before the banner, which comes once.
   CLIENT client(settings_.port);
   client.Expect(std::string(200000, 'x') + "\rTALP IO interface is ready\r\n\r");
   EXPECT_TRUE(Logged("connection is closed by command on IO interface"));
   EXPECT_FALSE(Logged("connection is closed by client on IO interface"));
   EXPECT_FALSE(Logged("socket accept error on IO interface"));
-  // Before each accept, and in the two cycles before the interface listens again.
-  EXPECT_EQ(0U, ReadFile(pauses_).find("3\n2\n2\n3\n2\n2\n3\n"));
 }
 
 TEST_F(SocketInterface, WithoutAPortItNeverListens) {
