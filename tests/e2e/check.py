@@ -49,6 +49,7 @@ def find_taken_port(stage):
             strict=False,
         )
     stage.stop(pid)
+    stage.log.lines.clear()  # it has looked for an adapter more than once
     look(stage, 1, f"{PID_FILE}: error: process {pid} has ended; the end of {LOG_FILE} .*")
 
 
