@@ -6,7 +6,7 @@ import signal
 from pathlib import Path
 
 from common import ALL_CARDS, HANDSHAKE, expect_discovery, reboot
-from talpkit import NAMES, check, listening_ports, play, read_file, wait_for
+from talpkit import NAMES, check, play, read_file
 
 
 def check_closed_on_exec(pid):
@@ -15,19 +15,6 @@ def check_closed_on_exec(pid):
     flags = [int(read_file(file).split()[3], 8) for file in files]  # pos: ... flags: ...
     check(all(each & os.O_CLOEXEC for each in flags), f"flags of descriptors: {flags}")
     check(len(flags) >= 7, "fewer than three listeners, three clients, the tty")
-
-
-def restart_often(stage):
-    """Twenty times with clients connected, who stay when the daemon has gone."""
-    stage.write_config()
-    for _ in range(20):
-        pid = stage.launch_daemon()
-        ports = set(stage.ports.values())
-        wait_for("the three ports", lambda: listening_ports() == ports, None, listening_ports)
-        for name in NAMES:
-            stage.client(name)
-        os.kill(pid, signal.SIGTERM)
-        stage.expect_end(pid)
 
 
 def stop(stage):
@@ -64,7 +51,6 @@ def stop(stage):
     os.kill(pid, signal.SIGHUP)
     stage.expect_end(pid, -signal.SIGHUP)
     check(not stage.log.has("stopped"), "the daemon logs an end that nobody asked for")
-    restart_often(stage)
 
 
 play(stop)
