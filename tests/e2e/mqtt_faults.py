@@ -17,12 +17,6 @@ BACK = "broker localhost:1883: connected"
 LINES = [f"a{n % 16:X}b{n // 16 % 2}d{n // 32 % 256:02X}" for n in range(8192)]
 
 
-def wait_for_kinds(broker):
-    """Until the console has listed all cards."""
-    listed = lambda: len(broker.retained(TOPIC + "card/+/kind")) == len(KINDS)
-    wait_for("the kinds of the cards", listed)
-
-
 def play_full(stage, broker):
     """Somebody else holds the port: it is said, and the place is taken when it is free."""
     other = stage.client("IO")
@@ -37,7 +31,8 @@ def play_full(stage, broker):
 def disturb_broker(broker, talp_mqtt, bus):
     broker.publish(TOPIC + "card/5/1/set", "251")
     bus.expect("out 5 dout b0=FF b1=FB")
-    wait_for_kinds(broker)
+    listed = lambda: len(broker.retained(TOPIC + "card/+/kind")) == len(KINDS)
+    wait_for("the kinds of the cards", listed)
     before = broker.retained(TOPIC + "#")
     check_equal(before[TOPIC + "status"], "online", "status")
     documents = broker.documents()
@@ -83,9 +78,14 @@ def disturb_talp(stage, pid, broker, talp_mqtt, subscriber, bus):
     check_equal(values, [], "values of the time before")
     bus.order("set 3 1 01")
     subscriber.expect(TOPIC + "card/3/1 1")
-    wait_for_kinds(broker)
-    broker.publish(TOPIC + "card/4/3/set", "9")
-    bus.expect("out 4 motor 00 00 00 09")
+
+    def driven():
+        """Refused until the console, which may be asked before a discovery, has listed the card."""
+        broker.publish(TOPIC + "card/4/3/set", "9")
+        bus.pull()
+        return "out 4 motor 00 00 00 09" in bus.lines
+
+    wait_for("a frame for the motor", driven)
 
 
 def flood(broker, talp_mqtt, subscriber, bus):
