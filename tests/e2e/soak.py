@@ -15,7 +15,6 @@ import resource
 import signal
 import socket
 import statistics
-import subprocess
 import sys
 import time
 from pathlib import Path
@@ -329,9 +328,6 @@ ACTORS = (
     (Soak.spoil_log, 0.5),
     (Soak.step_clock, 0.5),
 )
-PLOT = """set terminal pngcairo size 900,400; set output '{0}.png'; set grid; unset key
-set xlabel 'minutes'; set ylabel 'resident memory (MiB)'; set yrange [0:*]
-plot '{0}.dat' using ($1/60):($2/1024) with lines"""
 
 
 def main(build, minutes, seed=random.randrange(1 << 32)):
@@ -355,7 +351,6 @@ def main(build, minutes, seed=random.randrange(1 << 32)):
         failure = str(error)
     rows = "\n".join(" ".join(map(str, sample)) for sample in soak.samples)
     Path(f"{build}/soak.dat").write_text(rows, encoding="ascii")
-    subprocess.run("gnuplot", input=PLOT.format(f"{build}/soak"), text=True, check=not failure)
     print(failure, json.dumps(soak.report(failure)), sep="\n")
     stage.close()
     sys.exit(bool(failure))
