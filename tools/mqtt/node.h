@@ -114,19 +114,25 @@ class NODE {
 
   // A message from the broker: the bytes are anybody's.
   void OnMessage(const std::string& topic, const std::string& payload, bool retained) {
-    const bool isOurs =
-        topic.rfind(root + "card/", 0) == 0 || topic.find("/" + id + "/") != std::string::npos;
     if (topic.rfind(root, 0) == 0 &&
         (topic + "/").find("/set/", root.size() - 1) != std::string::npos) {
       Execute(topic.substr(root.size()), payload, retained);
     } else if (topic == names.homeAssistant + "/status" && payload == "online") {
       OnBroker();
-    } else if (retained && !payload.empty() && isOurs) {
+    } else if (retained && !payload.empty() && IsOurs(topic)) {
       OnLeftover(topic);
     }
   }
 
  private:
+  // Whether it is one of a card, or of a document of ours.
+  bool IsOurs(const std::string& topic) const {
+    const std::string& prefix = names.homeAssistant;
+    const bool isDocument = !prefix.empty() && topic.rfind(prefix + "/", 0) == 0 &&
+                            topic.find("/" + id + "/") != std::string::npos;
+    return isDocument || topic.rfind(root + "card/", 0) == 0;
+  }
+
   // An empty retained payload removes the topic. While the broker is away this may do nothing.
   virtual void Publish(const std::string& topic, const std::string& payload, bool retain) = 0;
   // Sends lines to the IO port, all or none. False if it takes no more.
