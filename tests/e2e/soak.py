@@ -227,7 +227,7 @@ class Soak:
             del source.lines[: source.lines.index(line) + 1]
 
     def next_value(self):
-        self.value = (self.value + 1) % 256
+        self.value = self.value % 255 + 1  # what abusive clients have typed may set 0
         return f"{self.value:02X}"
 
     def settle(self, cae, io, mon):
