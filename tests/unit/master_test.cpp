@@ -49,6 +49,8 @@ TEST(PerifCard, Inputs) {
   EXPECT_EQ("", lines("FF FF FF FF FF"));  // too short
   EXPECT_EQ("", lines("FF 00 05 85 02 05"));
   EXPECT_EQ("aAb0dFF aAb2d01 aAb3d80 aAb4d02 changed", lines("00 00 00 00 00 00"));
+  for (int i = 0; i < 6; ++i) EXPECT_EQ("", lines("FF 00 01 80 03 00"));
+  EXPECT_EQ("aAb4d03 changed", lines("00 00 00 00 00 00"));
   // Clearing drops the sums but not the count of the samples in them.
   for (int i = 0; i < 3; ++i) EXPECT_EQ("", lines("60 60 60 60 60 60"));
   card.clearPerifCard();
