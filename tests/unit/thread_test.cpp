@@ -10,10 +10,14 @@
 
 namespace {
 
-// Its items are texts. "!" ends it. Its pause is negative: none.
+// Its items are texts. "!" ends it. Its pause is negative: none. Its thread runs for some
+// microseconds before the type is set.
 class WORKER final : public CThread {
  public:
-  explicit WORKER(ThreadType_t type) { SetThreadType(type, -1); }
+  explicit WORKER(ThreadType_t type, int before = 0) {
+    PauseMicroseconds(before);
+    SetThreadType(type, -1);
+  }
   ~WORKER() { Stop(); }
 
   bool OnTask(void* item) override {
@@ -36,6 +40,8 @@ class WORKER final : public CThread {
 TEST(CThread, StoreHolds99ItemsNewestFirst) {
   char last[] = "!", other[] = "x";
   WORKER worker(ThreadType_t::EventDriven);
+  EXPECT_TRUE(
+      ComesTrue([&] { return worker.Event(static_cast<void*>(nullptr)) && worker.passes; }));
   EXPECT_TRUE(worker.Event(last) && ComesTrue([&] { return worker.ends == 1; }));
   worker.Stop();
   for (int i = 0; i < 99; ++i) EXPECT_TRUE(worker.Push(i == 0 ? last : other));
@@ -45,10 +51,10 @@ TEST(CThread, StoreHolds99ItemsNewestFirst) {
   EXPECT_EQ("!" + std::string(98, 'x') + "!", worker.taken);
 }
 
-// Right after its start a thread may not have come to its wait yet.
+// Right after its start a thread may have come to its wait or not.
 TEST(CThread, SwitchIsNeverMissed) {
   for (int i = 0; i < 500; ++i) {
-    WORKER worker(ThreadType_t::IntervalDriven);
+    WORKER worker(ThreadType_t::IntervalDriven, i);
     ASSERT_TRUE(ComesTrue([&] { return worker.passes > 0; })) << i;
     WORKER endsAtOnce(ThreadType_t::EventDriven);
   }
