@@ -273,7 +273,7 @@ class Program(LineSource):
     """A program in the foreground, typed to and read line by line."""
 
     def __init__(self, name, command, status=0, **options):
-        """Its end with another exit status fails, unless that is None."""
+        """Its end with another exit status fails. Without one it is killed when it is closed."""
         ours, theirs = socket.socketpair()
         with theirs:
             self.process = subprocess.Popen(command, stdin=theirs, stdout=theirs, **options)
@@ -292,7 +292,7 @@ class Program(LineSource):
     def close(self):
         try:
             if self.process.returncode is None:
-                self.process.terminate()
+                self.process.send_signal(signal.SIGKILL if self.status is None else signal.SIGTERM)
                 self.expect_exit()
         finally:
             super().close()
@@ -371,10 +371,10 @@ class Stage:
         stub = self.path / "sleep"
         stub.write_text(SLEEP.format(record=self.pause_file, shortened="" if real_time else "0."))
         stub.chmod(0o755)
-        # An emulated daemon reads slowly enough without.
+        # An emulated daemon, with its emulator in the command, reads slowly enough without.
         self.preload = ""
         library = self.build / "tests/e2e/libsurroundings.so"
-        if library.exists() and not daemon:
+        if library.exists() and len(self.daemon) == 1:
             self.preload = shutil.copy(library, self.path)  # any user may read it there
 
     def own(self, thing):

@@ -60,6 +60,8 @@ class Broker:
         command = ("mosquitto_pub", *self.login, "-t", topic, "-l")
         subprocess.run(command, check=True, timeout=LIMIT, input="\n".join(lines), text=True)
 
+    # The broker's clients may hang when a signal asks them to end, and are killed.
+
     def publisher(self, topic):
         """A program that publishes each line typed to it."""
         command = ("mosquitto_pub", *self.login, "-t", topic, "-l")
