@@ -5,10 +5,8 @@
 
 #include <CLI/CLI.hpp>
 #include <fstream>
-#include <iostream>
 
 #include "mqtt/links.h"
-#include "mqtt/node.h"
 
 using namespace mqtt;
 
@@ -86,8 +84,7 @@ class BRIDGE : public NODE {
 
   // Runs until `signals`, a signalfd(2), is readable; then publishes that the board is offline.
   void Run(int signals) {
-    pollfd polled[4] = {};
-    while (polled[0].revents == 0) {
+    for (bool isAsked = false; !isAsked;) {
       broker_.Run();
       // While the broker lags behind, talp keeps its lines.
       const bool isBehind = broker_.Unacknowledged() > 5000;
@@ -101,11 +98,10 @@ class BRIDGE : public NODE {
       for (const std::string& line : console_.Run(asksConsole_)) OnConsoleLine(line);
       // The place belongs to people.
       if (console_.Works() && console_.Age() > seconds(10)) console_.Close("no list of cards");
-      polled[0] = {signals, POLLIN, 0};
-      polled[1] = broker_.Poll();
-      polled[2] = isBehind ? pollfd{-1, 0, 0} : io_.Poll();
-      polled[3] = console_.Poll();
-      poll(polled, 4, io_.Pause());
+      const pollfd io = isBehind ? pollfd{-1, 0, 0} : io_.Poll();
+      pollfd polled[] = {{signals, POLLIN, 0}, broker_.Poll(), io, console_.Poll()};
+      poll(polled, std::size(polled), io_.Pause());
+      isAsked = polled[0].revents != 0;
     }
     OnIo(false);
     for (int tries = 200; tries > 0 && broker_.Unacknowledged() > 0; --tries) {

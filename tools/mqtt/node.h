@@ -20,6 +20,8 @@ namespace mqtt {
 
 using LINES = std::vector<std::string>;
 
+constexpr char kHexDigits[] = "0123456789ABCDEF";
+
 // What is known of the card at one address.
 struct CARD {
   const CARD_KIND* kind = nullptr;                               // null: not known
@@ -114,25 +116,20 @@ class NODE {
 
   // A message from the broker: the bytes are anybody's.
   void OnMessage(const std::string& topic, const std::string& payload, bool retained) {
-    if (topic.rfind(root, 0) == 0 &&
-        (topic + "/").find("/set/", root.size() - 1) != std::string::npos) {
+    const auto isBelow = [&topic](const std::string& start) { return topic.rfind(start, 0) == 0; };
+    const std::string& prefix = names.homeAssistant;
+    const bool isOurs = isBelow(root + "card/") || (!prefix.empty() && isBelow(prefix + "/") &&
+                                                    topic.find("/" + id + "/") != topic.npos);
+    if (isBelow(root) && (topic + "/").find("/set/", root.size() - 1) != topic.npos) {
       Execute(topic.substr(root.size()), payload, retained);
-    } else if (topic == names.homeAssistant + "/status" && payload == "online") {
+    } else if (topic == prefix + "/status" && payload == "online") {
       OnBroker();
-    } else if (retained && !payload.empty() && IsOurs(topic)) {
+    } else if (retained && !payload.empty() && isOurs) {
       OnLeftover(topic);
     }
   }
 
  private:
-  // Whether it is one of a card, or of a document of ours.
-  bool IsOurs(const std::string& topic) const {
-    const std::string& prefix = names.homeAssistant;
-    const bool isDocument = !prefix.empty() && topic.rfind(prefix + "/", 0) == 0 &&
-                            topic.find("/" + id + "/") != std::string::npos;
-    return isDocument || topic.rfind(root + "card/", 0) == 0;
-  }
-
   // An empty retained payload removes the topic. While the broker is away this may do nothing.
   virtual void Publish(const std::string& topic, const std::string& payload, bool retain) = 0;
   // Sends lines to the IO port, all or none. False if it takes no more.
@@ -140,7 +137,6 @@ class NODE {
   // Has the console asked for the cards. Not called without a console.
   virtual void Discover() = 0;
 
-  static constexpr char kHexDigits[] = "0123456789ABCDEF";
   // What the blocks of a card are to Home Assistant; of digital cards the bits.
   static constexpr std::pair<KIND_CODE, const char*> kComponents[] = {
       {kKindDigitalInput, "binary_sensor"}, {kKindDigitalOutput, "switch"}, {kKindMotor, "number"},

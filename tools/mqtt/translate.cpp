@@ -1,5 +1,3 @@
-#include <nlohmann/json.hpp>
-#include <regex>
 #include <stdexcept>
 
 #include "mqtt/node.h"
@@ -13,8 +11,7 @@ using nlohmann::json;
 using PLACE = std::smatch;  // the whole path, then the digits of address, block and bit
 
 std::string HexByte(unsigned value) {
-  const char* const digits = "0123456789ABCDEF";
-  return {digits[value / 16 % 16], digits[value % 16]};
+  return {kHexDigits[value / 16 % 16], kHexDigits[value % 16]};
 }
 
 LINES RawLine(const PLACE&, const std::string& payload, const CARD&) { return {payload}; }
