@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <exception>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -118,9 +117,10 @@ class NODE {
   void OnMessage(const std::string& topic, const std::string& payload, bool retained) {
     const auto isBelow = [&topic](const std::string& start) { return topic.rfind(start, 0) == 0; };
     const std::string& prefix = names.homeAssistant;
-    const bool isOurs = isBelow(root + "card/") || (!prefix.empty() && isBelow(prefix + "/") &&
-                                                    topic.find("/" + id + "/") != topic.npos);
-    if (isBelow(root) && (topic + "/").find("/set/", root.size() - 1) != topic.npos) {
+    const bool isOurs =
+        isBelow(root + "card/") || (!prefix.empty() && isBelow(prefix + "/") &&
+                                    topic.find("/" + id + "/") != std::string::npos);
+    if (isBelow(root) && (topic + "/").find("/set/", root.size() - 1) != std::string::npos) {
       Execute(topic.substr(root.size()), payload, retained);
     } else if (topic == prefix + "/status" && payload == "online") {
       OnBroker();
