@@ -12,6 +12,7 @@ namespace {
 std::string LocalTime() {
   const time_t now = time(nullptr);
   tm local{};
+  tzset();  // localtime_r(3) would keep the zone of the first line when /etc/localtime changes
   localtime_r(&now, &local);
   char text[256];
   const size_t length = strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);

@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "core/byte_list.h"
 #include "core/config.h"
@@ -72,6 +74,38 @@ TEST(Logger, WholeLinesOfTheLevelsKept) {
   const std::string text = ReadFile(logger.fileName);
   EXPECT_TRUE(testing::Matcher<std::string>(testing::MatchesRegex(lines)).Matches(text)) << text;
   EXPECT_NE(std::string::npos, text.find(std::string(3000, 'x')));
+}
+
+// The zone may be set while the daemon runs.
+TEST(Logger, LocalTimeOfTheZoneThatIsSetNow) {
+  const TEMP_DIR directory;
+  LOGGER logger;
+  logger.fileName = directory.Path("log");
+  const char* const before = getenv("TZ");
+  const std::string zoneBefore = before == nullptr ? "" : before;
+  constexpr std::pair<const char*, int> kZones[] = {{"EAST-5", 5}, {"WEST7", -7}, {"UTC0", 0}};
+  for (const auto& [zone, hours] : kZones) {
+    setenv("TZ", zone, 1);
+    const time_t earliest = time(nullptr);
+    logger.LOG("INF", zone, 1);
+    std::set<std::string> times;
+    for (time_t now = earliest; now <= time(nullptr); ++now) {
+      const time_t shifted = now + hours * 3600;
+      tm utc{};
+      gmtime_r(&shifted, &utc);
+      char text[20];
+      times.emplace(text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &utc));
+    }
+    const std::string line = ReadFile(logger.fileName);
+    EXPECT_EQ(1U, times.count(line.substr(0, line.find(" ["))))
+        << line << "is not local in " << zone;
+    std::filesystem::remove(logger.fileName);
+  }
+  if (before == nullptr) {
+    unsetenv("TZ");
+  } else {
+    setenv("TZ", zoneBefore.c_str(), 1);
+  }
 }
 
 TEST(Logger, DropsLinesForAPipe) {
