@@ -1,4 +1,4 @@
-#!/usr/bin/env -S python3 -B
+#!/usr/bin/python3 -B
 """Runs talp-bench case by case, beside the daemon where it takes part, and reports the figures."""
 
 import argparse
@@ -12,11 +12,13 @@ import sys
 import time
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tools"))
-import talpkit
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests"))
+from kit import sandbox
+from kit.board import LATE, Board
+from kit.broker import Broker
+from kit.expecting import check, read_file
 
 ADAPTER = Path("/dev/ttyUSB0")
-BROKER_CONFIG = "listener 1883 127.0.0.1\nallow_anonymous true\nuser root\nlog_type error\n"
 BROKER_PORT = 1883
 SHORTEST_SLEEP = 10  # microseconds; the daemon spends a shorter pause looking at the clock
 SLOWEST_FLOW = 250  # lines a second
@@ -45,7 +47,7 @@ class Cost:
 
     def total(self):
         share = (cpu_seconds(self.pid) - self.before) / (time.monotonic() - self.start)
-        lines = talpkit.read_file(f"/proc/{self.pid}/status").splitlines()
+        lines = read_file(f"/proc/{self.pid}/status").splitlines()
         status = dict(line.split(":", 1) for line in lines)
         return {
             "cpu_percent": round(100 * share, 2),
@@ -57,14 +59,11 @@ class Cost:
 
 @contextlib.contextmanager
 def daemon(options, speed, real_time=False):
-    """Yields the stage and the id of the daemon's process. There is no adapter yet."""
+    """Yields the board and the id of the daemon's process. There is no adapter yet."""
     ADAPTER.unlink(missing_ok=True)
-    stage = talpkit.Stage(options.build, options.daemon, real_time=real_time)
-    stage.preload = ""
-    try:
-        yield stage, stage.start(percent=speed, poll=True)
-    finally:
-        stage.close()
+    with Board(options.build, options.daemon, real_time=real_time) as board:
+        board.preload = ""
+        yield board, board.start(percent=speed, poll=True)
 
 
 def measure(options, program, watch=None, **sizes):
@@ -125,29 +124,22 @@ def design(pauses, cards, bare_polls):
     return [sum(rests) + exchange / 2 for rests in loops], cards * 1e6 * len(cycles) / sum(cycles)
 
 
-def start_bridge(stage, options):
+def start_bridge(board):
     """Starts a broker and the bridge from the daemon to it, whose process id is returned."""
-    config = Path("/run/broker.conf")
-    config.write_text(BROKER_CONFIG)
-    stage.program("broker", "mosquitto", "-c", config, stderr=subprocess.DEVNULL)
-    talpkit.wait_for("the broker", lambda: BROKER_PORT in talpkit.listening_ports())
-    program = str(options.build / "tools/mqtt/talp-mqtt")
-    ports = [f"--io-port={stage.ports['IO']}", f"--cae-port={stage.ports['CAE']}"]
-    bridge = stage.program("bridge", program, "--node=bench", *ports, stderr=subprocess.DEVNULL)
-    return bridge.process.pid
+    return Broker(board).start_bridge(board, node="bench").process.pid
 
 
 def measure_case(options, extent, speed, cards, bridged):
     """One case of the daemon, with a client of its IO port or one of the bridge's broker."""
     program = "talp-bench-mqtt" if bridged else "talp-bench"
-    with daemon(options, speed) as (stage, pid):
+    with daemon(options, speed) as (board, pid):
         run = measure(
-            options, program, start_bridge(stage, options) if bridged else pid, cards=cards,
-            port=BROKER_PORT if bridged else stage.ports["IO"], link=ADAPTER,
+            options, program, start_bridge(board) if bridged else pid, cards=cards,
+            port=BROKER_PORT if bridged else board.ports["IO"], link=ADAPTER,
             delay=delay_of(speed), events=extent.events // (4 if bridged else 1),
             window=extent.window, flow=SLOWEST_FLOW if cards == max(extent.cards) else 0)
         # Each reply that came too late ended the connection to the bus and is in the log.
-        run["late"] = talpkit.read_file(stage.log_file).count(talpkit.LATE)
+        run["late"] = read_file(board.log_file).count(LATE)
     return run
 
 
@@ -156,7 +148,7 @@ def summary(options, run, limits, **case):
     distributions = {"change": run["changes"], "output": run["outputs"], **limits}
     for name, samples in distributions.items():
         ordered = sorted(sample for sample in samples if sample >= 0)
-        talpkit.check(ordered, f"no {name} arrived")
+        check(ordered, f"no {name} arrived")
         shares = [ordered[round((len(ordered) - 1) * share)] for share in (0.5, 0.99)]
         case[f"{name}_us"] = [round(share, 1) for share in shares]
         file = options.figures / "{}-{speed}-{cards}-{client}.dat".format(name, **case)
@@ -272,7 +264,7 @@ def main():
     parser.add_argument("--speed", type=int, nargs="+", default=[100, 99, 50])
     parser.add_argument("--short", action="store_true", help="only see that figures come out")
     options = parser.parse_args()
-    talpkit.enter_sandbox()
+    sandbox.enter()
     options.figures = options.build / "figures"
     options.figures.mkdir(exist_ok=True)
     figures = measure_all(options, SHORT if options.short else FULL)

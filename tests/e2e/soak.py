@@ -1,4 +1,4 @@
-#!/usr/bin/env -S python3 -B
+#!/usr/bin/python3 -B
 """What years bring, in minutes; scripts/soak runs it.
 
 Rounds of trouble, each followed by a calm one in which every line has to arrive. In the last
@@ -19,9 +19,11 @@ import sys
 import time
 from pathlib import Path
 
-from common import talpkit
-import talpmqtt
-from talpkit import FAILURE, NAMES, check, check_equal, read_file, wait_for
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+from kit import sandbox
+from kit.board import NAMES, Board
+from kit.broker import Broker
+from kit.expecting import FAILURE, LineSource, check, check_equal, read_file, wait_for
 
 TICK = 0.02  # seconds
 TROUBLE = 3  # seconds of a round
@@ -54,25 +56,27 @@ TYPED = (None, "", "a", "a5b0d", "aElPAp", "EXI", "=:\r", "\r\n", "\0", "a5b0d\0
          "FORCEDISCOVER\r\n", "SPEED=100\r\n", "SPEED=1\r\n", "DISABLEPOLL\r\n", "REBOOT:5\r\n")
 
 
-class Bridge(talpkit.LineSource):
+class Bridge(LineSource):
     """talp-mqtt in the place of an IO client: what it publishes, and a publisher to it."""
 
-    def __init__(self, stage, broker):
-        self.watcher = broker.subscribe("talp/soak/io", "talp/soak/status", shown=())
-        super().__init__("bridge", os.dup(self.watcher.descriptor))
-        self.publisher = broker.publisher("talp/soak/io/set")
-        self.bridge = talpmqtt.start_bridge(stage, node="soak")
+    def __init__(self, board, broker):
+        super().__init__("bridge")
+        self.broker = broker
+        self.watcher = broker.subscribe("talp/soak/io", "talp/soak/status")
+        self.bridge = broker.start_bridge(board, node="soak")
         self.expect("online")
 
+    def receive(self):
+        lines = self.watcher.receive().splitlines()
+        return "".join(line.partition(" ")[2] + "\n" for line in lines)
+
     def send(self, text):
-        self.publisher.send(text.replace("\r", ""))
+        self.broker.publish_lines("talp/soak/io/set", text.split())
 
     def close(self):
         self.bridge.close()
         self.expect("offline")
-        self.publisher.close()
         self.watcher.close()
-        super().close()
 
 
 def by_card(lines):
@@ -81,17 +85,17 @@ def by_card(lines):
 
 
 class Soak:
-    def __init__(self, stage, seed, seconds):
-        self.stage, self.seed, self.seconds = stage, seed, seconds
-        self.bus = stage.bus(*(f"--card={card}" for card in CARDS))
+    def __init__(self, board, seed, seconds):
+        self.board, self.seed, self.seconds = board, seed, seconds
+        self.bus = board.bus(*(f"--card={card}" for card in CARDS))
         self.count = collections.Counter()
         self.samples = []  # seconds, memory in KiB, threads, descriptors, seconds of CPU time
         self.abusive = {}  # by port
         self.bridge = None
         self.away = False  # the adapter is pulled out
         self.value = self.lost = 0
-        stage.write_config(percent=50, poll=True)
-        self.pid = stage.launch_daemon()
+        board.write_config(percent=50, poll=True)
+        self.pid = board.launch_daemon()
         self.process = f"/proc/{self.pid}"
         self.start = time.monotonic()
 
@@ -109,7 +113,7 @@ class Soak:
         ended = os.waitid(os.P_PID, self.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT)
         check(not ended, f"the daemon has ended: {ended}")
         threads, opened = len(os.listdir(f"{self.process}/task")), self.opened()
-        others = talpkit.listening_ports() - {1883, *self.stage.ports.values()}
+        others = sandbox.listening_ports() - {1883, *self.board.ports.values()}
         check(not others, f"listens on {others}")
         if not self.samples or self.elapsed() >= self.samples[-1][0] + 1:
             memory = int(read_file(f"{self.process}/statm").split()[1]) * resource.getpagesize()
@@ -159,7 +163,7 @@ class Soak:
         client.settimeout(0.1)
         typed = self.dice.choice(TYPED)
         with contextlib.suppress(OSError):
-            client.connect(("127.0.0.1", self.stage.ports[name]))
+            client.connect(("127.0.0.1", self.board.ports[name]))
             client.settimeout(0)
             # What a monitor sends is never read and stays in memory: not for long.
             if name != "MON" or self.elapsed() < self.seconds / 8:
@@ -201,8 +205,8 @@ class Soak:
         """One that has been greeted, and is read line by line."""
         if self.bridge and name == "IO":
             return self.bridge
-        greeted = self.stage.patient_client(name)
-        client = talpkit.LineSource(name, os.dup(greeted.descriptor))
+        greeted = self.board.patient_client(name)
+        client = LineSource(name, os.dup(greeted.descriptor))
         greeted.close()
         return client
 
@@ -271,7 +275,7 @@ class Soak:
         while self.elapsed() < self.seconds:
             number = self.count["rounds"]
             self.dice = random.Random(f"{self.seed} {number}")
-            self.bridge = Bridge(self.stage, broker) if broker and number % 4 == 3 else None
+            self.bridge = Bridge(self.board, broker) if broker and number % 4 == 3 else None
             if number and not self.last_quarter():
                 self.trouble()
             self.calm()
@@ -280,10 +284,10 @@ class Soak:
         check(self.growth() <= GROWTH or keeps_what_is_freed, "the memory grows")
         CLOCK.write_text("-1000000000")
         os.kill(self.pid, signal.SIGTERM)
-        self.stage.expect_end(self.pid)
+        self.board.expect_end(self.pid)
         year = str(time.gmtime(time.time() - 1e9).tm_year)
         check(read_file(LOG_FILE).splitlines()[-1].startswith(year), "the clock was not stepped")
-        check_equal(read_file(talpkit.STDERR), "", "standard error of the daemon")
+        check_equal(read_file(self.board.stderr), "", "standard error of the daemon")
 
     def growth(self):
         """Of the memory in the calm quarter, in KiB."""
@@ -317,7 +321,7 @@ ACTORS = (
 
 
 def main(build, minutes, seed=random.randrange(1 << 32)):
-    talpkit.enter_sandbox()
+    sandbox.enter()
     print(f"seed {seed}, {minutes} minutes", flush=True)
     for directory in GOOD_LOG, FULL_LOG:
         os.mkdir(directory)
@@ -325,11 +329,11 @@ def main(build, minutes, seed=random.randrange(1 << 32)):
     os.symlink(GOOD_LOG, LOG_LINK)
     for buffer in "tcp_wmem", "tcp_rmem":  # soon full for who never reads
         Path(f"/proc/sys/net/ipv4/{buffer}").write_text("4096 4096 4096")
-    stage = talpkit.Stage(build, log_file=LOG_FILE)
-    (stage.path / "sleep").write_text(SLEEP)
-    with_bridge = (stage.build / "tools/mqtt/talp-mqtt").exists()
-    broker = talpmqtt.Broker(stage) if with_bridge else None
-    soak = Soak(stage, seed, 60 * float(minutes))
+    board = Board(build, log_file=LOG_FILE)
+    board.replace_sleep(SLEEP)
+    with_bridge = (board.build / "tools/mqtt/talp-mqtt").exists()
+    broker = Broker(board) if with_bridge else None
+    soak = Soak(board, seed, 60 * float(minutes))
     failure = ""
     try:
         soak.play(broker)
@@ -338,7 +342,7 @@ def main(build, minutes, seed=random.randrange(1 << 32)):
     rows = "\n".join(" ".join(map(str, sample)) for sample in soak.samples)
     Path(f"{build}/soak.dat").write_text(rows, encoding="ascii")
     print(failure, json.dumps(soak.report(failure)), sep="\n")
-    stage.close()
+    board.close()
     sys.exit(bool(failure))
 
 

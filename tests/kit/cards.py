@@ -1,18 +1,9 @@
-"""What several scenarios play with."""
-
-import re
-import sys
-from pathlib import Path
-
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
-import talpkit
-
-play = talpkit.play
+"""A bus with a card of each kind, and what daemon and bus say to each other at first."""
 
 ADAPTER = "/dev/ttyUSB0"
-TOPIC = "talp/b/"  # of the bridge's node
 KINDS = ("0=servo", "3=din", "4=motor", "5=dout", "8=keypad", "9=ir", "E=lcd", "F=analog")
-ALL_CARDS = ("--version-text", "2.07", "--frames", *(f"--card={kind}" for kind in KINDS))
+ALL_CARDS = tuple(f"--card={kind}" for kind in KINDS)
+VERSION = ("--version-text", "2.07")
 HANDSHAKE = ("rx 03 40 6F 9A", "tx 05 40 32 2E 30 37")
 DISCOVERY = ("rx 01 30", "tx 11 31 05 00 00 04 06 03 00 00 08 0A 00 00 00 00 09 07")
 
@@ -40,21 +31,11 @@ def switch_polling(cae, on):
     cae.ask(f"{verb}POLL", f"CIA: GLOBAL POLLING IS {verb}D", ">")
 
 
-def expect_refusal(watcher, topic, payload, reason):
-    wanted = f"{TOPIC}error {TOPIC}{topic} '{payload}': {reason}"
-    watcher.expect(re.compile(re.escape(wanted) + ".*"))
-
-
-def start_board(stage, *options):
-    """A daemon that polls and has found its cards."""
-    bus = stage.bus(*options)
-    pid = stage.start(poll=True)
-    cae = stage.client("CAE")
-
-    def listed():
+def wait_for_cards(board):
+    """Until a daemon that may poll has found its cards, seen on a console that is closed again."""
+    cae = board.client("CAE")
+    listed = False
+    while not listed:
         cae.send("DISCOVER\r\n")
-        return "DIGITAL INPUT" in cae.expect_after(">\r\n\r")
-
-    talpkit.wait_for("the cards", listed)
+        listed = "DIGITAL INPUT" in cae.expect_after(">\r\n\r")
     cae.close()
-    return bus, pid

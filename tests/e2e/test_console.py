@@ -1,10 +1,10 @@
-#!/usr/bin/env -S python3 -B
 """Byte for byte what a console's user sees, with all pauses at their real length."""
 
-from common import ADAPTER, ALL_CARDS, DISCOVERY
-from common import expect_discovery, hardware_found, switch_polling
-from talpkit import check, play
+import pytest
 
+from kit.cards import ADAPTER, DISCOVERY, expect_discovery, hardware_found, switch_polling
+
+BOARD = {"real_time": True}
 LIST = (
     "FORCED DISCOVER LIST:",
     "DTI:0x0:6 channel RC SERVO CONTROLLER",
@@ -24,54 +24,66 @@ LIST = (
 )
 
 
-def hold_session(cae, io, bus):
+@pytest.fixture(scope="module", autouse=True)
+def discovered(io, cae, card_bus):
+    expect_discovery(cae, card_bus)
+
+
+def test_drvver_tells_the_version_and_case_counts(cae):
     cae.ask("DRVVER", "CIA: DRIVER VERSION 1.20", ">")
     cae.send("drvver\r\n")
     cae.expect("CIE: UNKNOWN COMMAND \r\n>\r\n\r")
+
+
+def test_forcediscover_lists_what_is_plugged_in_now(cae, bus):
     bus.order("card 1 02", "card 6 unknown")
     switch_polling(cae, True)
     cae.ask("FORCEDISCOVER", *LIST)
+    switch_polling(cae, False)
+    bus.order("card 1 none", "card 6 none")
+
+
+def test_getlastinpst_sends_the_last_input_once_more(cae, io, bus):
     bus.order("set 3 0 40")
+    switch_polling(cae, True)
     io.expect("a3b0d40\r\n\r")
     switch_polling(cae, False)
     cae.ask("GETLASTINPST:3=0", "CIA: LAST INPUT STATE SENT ON IO INTERFACE", ">")
     io.expect("a3b0d40\r\n\r")
+
+
+def test_speed_takes_a_percentage(cae):
     cae.ask("SPEED=75", "CIA: SPEED IS SET to 75%", ">")
 
+
+def test_a_card_command_waits_for_the_answer_of_the_card(cae, bus):
     bus.order("answer F 2A")
     cae.ask("GETANMASK:F", "CIA: MASK is GOT from card", "AMV:0xF:0x2A", ">")
     bus.expect("rx 04 50 0F 40 01")
+
+
+def test_a_card_that_refuses_fails_the_command(cae, bus):
     bus.order("fault notq")
     cae.ask("SETMSR1:4=20", "CIE: PARAM WRITE ERROR", ">")
     bus.expect("rx 05 50 04 01 C1 20")
 
 
-def outlive_late_reply(stage, cae, bus):
+def test_a_late_reply_is_not_taken_for_the_next_one(board, cae, bus):
     """It arrives on the next link, where no later request takes it for its own."""
     bus.order("fault late=3000 on direct", "answer F 2B")
     cae.ask("REBOOT:5", "CIE: BUS WRITE ERROR", ">")
-    stage.log.expect(f"[INF] comm timeout {ADAPTER}", *hardware_found())
+    board.log.expect(f"[INF] comm timeout {ADAPTER}", *hardware_found())
     both = {"tx 04 51 05 AB 00", DISCOVERY[0]}
     bus.wait_for(f"{both}", lambda: both.issubset(bus.lines))
     cae.ask("GETANMASK:F", "CIA: MASK is GOT from card", "AMV:0xF:0x2B", ">")
 
 
-def console(stage):
-    bus = stage.bus(*ALL_CARDS)
-    stage.start()
-    io, cae = stage.client("IO"), stage.client("CAE")
-    expect_discovery(cae, bus)
-    hold_session(cae, io, bus)
-    outlive_late_reply(stage, cae, bus)
+def test_what_was_left_over_greets_the_next_console_before_the_banner(board, io, cae, bus):
+    board.log.pull()
+    board.log.lines.clear()
     cae.ask("EXIT", "TALP: Bye Bye...")
-    stage.log.expect("[INF] CAE interface listening on port 5001")
-
-    # The prompt of the last command waits for the next client, and so does what the IO client gets
-    # wrong meanwhile. The banner comes behind both.
+    board.log.expect("[INF] CAE interface listening on port 5001")
     io.send("nonsense\r\na5b0d00\r\n")
     bus.expect("out 5 dout b0=00 b1=FF")
-    stage.client("CAE", ">\r\n\rCOE:Illegal command -> nonsense\r\n\r>\r\n\r")
-    check(not stage.log.has("[ERR]"), "an error is logged")
-
-
-play(console, real_time=True)
+    board.client("CAE", ">\r\n\rCOE:Illegal command -> nonsense\r\n\r>\r\n\r")
+    assert not board.log.has("[ERR]")

@@ -1,0 +1,74 @@
+"""What the IO client and the cards say to each other, and what a monitor sees of it."""
+
+import pytest
+
+from kit.cards import expect_discovery, switch_polling
+
+
+@pytest.fixture(scope="module", autouse=True)
+def discovered(cae, card_bus):
+    expect_discovery(cae, card_bus)
+
+
+def expect_inputs(clients, *lines):
+    for client in clients:
+        client.expect("".join(f"{line}\r\n\r" for line in lines))
+
+
+def test_lines_of_one_read_become_a_frame_each_with_all_blocks(io, bus):
+    io.send("a5b1dFB\r\na5b0d0F\r\n")
+    bus.expect_next("rx 05 10 05 02 FF FB", "out 5 dout b0=FF b1=FB", "tx 02 41 05")
+    bus.expect_next("rx 05 10 05 02 0F FB", "out 5 dout b0=0F b1=FB", "tx 02 41 05")
+
+
+def test_a_line_for_an_address_without_a_card_sends_nothing(io, bus):
+    io.send("a1b0d01\r\na0b4d40\r\n")
+    bus.expect_next("rx 09 10 00 06 80 80 80 80 40 80", "out 0 servo 80 80 80 80 40 80")
+    bus.expect_next("tx 02 41 00")
+
+
+def test_the_last_line_of_a_read_needs_no_separator(io, bus):
+    io.send("a4b0d7F")
+    bus.expect_next("rx 07 10 04 04 7F 00 00 00", "out 4 motor 7F 00 00 00", "tx 02 41 04")
+
+
+def test_display_commands_become_frames(io, bus):
+    io.send("aElCL\r\naElPAp0301tTail of the cat\r\n")
+    bus.expect_next("rx 04 10 0E 01 00", "lcd E clear", "tx 02 41 0E")
+    bus.expect_next("rx 16 10 0E 13 09 03 01 54 61 69 6C 20 6F 66 20 74 68 65 20 63 61 74 00")
+    bus.expect("lcd E row 1 |   Tail of the cat  |")
+    bus.expect("tx 02 41 0E")
+
+
+def test_monitor_sees_a_line_that_is_illegal_and_the_console_is_told(cae, io, mon):
+    io.send("EXIT")  # without its separator
+    cae.expect("COE:Illegal command -> EXIT\r\n\r>\r\n\r")
+    mon.expect("EXIT\r")
+
+
+def test_monitor_sees_what_is_typed_up_to_a_nul(io, mon, bus):
+    io.send("a5b0d00\0a5b0d11\r\n")
+    mon.expect("a5b0d00\r")
+    bus.expect("out 5 dout b0=00 b1=FB")
+    bus.expect_next("tx 02 41 05")
+
+
+def test_input_changes_reach_io_and_monitor(cae, io, mon, bus):
+    # Six answers of the analogue card are summed, the seventh gives the average.
+    bus.order("set 3 1 40", "set F 0 FF", "set F 3 80")
+    switch_polling(cae, True)
+    bus.expect_next("rx 03 20 03 02", "tx 04 21 03 00 40", "rx 03 20 08 01", "tx 03 21 08 00")
+    bus.expect_next("rx 03 20 0F 06", "tx 08 21 0F FF 00 00 80 00 00", "rx 03 20 03 02")
+    expect_inputs((io, mon), "a3b1d40", "aFb0dFF", "aFb3d80")
+    switch_polling(cae, False)
+
+
+def test_a_direct_answer_tells_the_last_changes_once_more(cae, io, mon, bus):
+    # One good round of polls, then errors only.
+    bus.order("set 3 0 81", "fault long 3 on poll", "fault error=4E forever on poll")
+    switch_polling(cae, True)
+    expect_inputs((io, mon), "a3b0d81")
+    switch_polling(cae, False)
+    cae.ask("REBOOT:3", "CIA: Card is REBOOTED", "RBT:0x3:OK", ">")
+    expect_inputs((io, mon), "a3b0d81")
+    bus.order("fault off")

@@ -1,0 +1,1 @@
+"""Runs the daemon, simulated card buses, a broker and clients, and waits for what they do."""

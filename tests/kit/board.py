@@ -1,0 +1,306 @@
+"""A board: the daemon at its fixed paths, its log, its bus and its clients."""
+
+import contextlib
+import os
+import shutil
+import signal
+import socket
+import subprocess
+from pathlib import Path
+
+from kit import sandbox
+from kit.expecting import FAILURE, LIMIT, LineSource, Source
+from kit.expecting import check, check_equal, read_file, wait_for
+from kit.programs import Bus, Program, wait_for_exit
+
+__tracebackhide__ = True
+
+NAMES = ("CAE", "IO", "MON")
+BANNERS = {
+    "CAE": "TALP CAE interface is ready\r\n(Type HELP for help)\r\n>\r\n\r",
+    "IO": "TALP IO interface is ready\r\n\r",
+    "MON": "TALP MON interface is ready\r\n\r",
+}
+LATE = "comm timeout"  # in the log: a reply of the bus did not come in time
+
+# The daemon pauses by running the shell's sleep. This takes its place and records each pause.
+# Those of one second keep their length: within them a card has to answer or a farewell to go out.
+SLEEP = """#!/bin/sh
+echo "$1" >>{record}
+[ "$1" = 1 ] || set {shortened}$1
+exec /bin/sleep $1
+"""
+
+# The fixed paths of a board lead into a directory of its own.
+ENTER_BOARD = """
+touch "$1/dev/null"
+mount --no-mtab --rbind /dev/pts "$1/dev/pts"
+mount --no-mtab --bind /dev/null "$1/dev/null"
+mount --no-mtab --bind "$1/etc/talp" /etc/talp
+mount --no-mtab --bind "$1/run/talp" /run/talp
+mount --no-mtab --rbind "$1/dev" /dev
+shift
+exec "$@"
+"""
+
+CONFIG = """<TALPConfig><Debuglog File='{log}' Loglevel='{level}'/><Speed Percent='{percent}'/>
+<InitPollState Action='{poll}'/><AutoDiscover Action='{discover}'/><Interfaces>
+<I Name='CAE' Port='{cae}' InpSeparator='{cae_in}' OutSeparator='{cae_end}'/>
+<I Name='IO' Port='{io}' InpSeparator='{io_in}' OutSeparator='{io_end}'/>
+<I Name='MON' Port='{mon}' InpSeparator='|' OutSeparator='|'/></Interfaces></TALPConfig>
+"""
+SEPARATORS = dict.fromkeys(("cae_in", "cae_end", "io_in", "io_end"), "\\r\\n")
+
+
+class Log(LineSource):
+    """The daemon's log, emptied at first, without the times."""
+
+    def __init__(self, path):
+        super().__init__("log", os.open(path, os.O_RDONLY | os.O_CREAT | os.O_TRUNC))
+
+    def pull(self):
+        known = len(self.lines)
+        super().pull()
+        self.ended = False  # a file grows
+        timestamp = len("2000-01-01 00:00:00 ")
+        self.lines[known:] = [line[timestamp:] for line in self.lines[known:]]
+
+    def wait_for(self, what, condition):
+        def met():
+            self.pull()
+            return condition()
+
+        return wait_for(f"log: {what}", met, None, self.instead)
+
+    def expect(self, *wanted):
+        """Waits until these lines stand in the log in this order, and takes them away.
+
+        What the daemon's threads have written between them stays.
+        """
+        start = 0
+        for line in wanted:
+            behind = lambda: [i for i in range(start, len(self.lines)) if self.lines[i] == line]
+            start = self.wait_for(line, behind)[0]
+            del self.lines[start]
+
+    def has(self, text):
+        """Whether a line that nobody expected contains the text."""
+        self.pull()
+        return any(text in line for line in self.lines)
+
+
+class Client(Source):
+    """A client of the interface CAE, IO or MON."""
+
+    def __init__(self, name, port):
+        try:
+            connection = socket.create_connection(("127.0.0.1", port), LIMIT)
+        except OSError as error:
+            raise FAILURE(f"{name} on port {port} takes no client: {error}") from error
+        super().__init__(f"{name} client", connection.detach())
+
+    def ask(self, line, *answers):
+        """Sends a console line, without its separator, and expects the answer lines."""
+        self.send(line + "\r\n")
+        self.expect("".join(f"{answer}\r\n\r" for answer in answers))
+
+
+class Board:
+    """A daemon to come, its fixed paths, its log, and all that runs around it.
+
+    Closed at the end of a `with`, it ends everything that was started here.
+    """
+
+    def __init__(self, build, daemon=(), name="", port=5001, real_time=False, log_file=None):
+        """Takes the programs from the directory `build`, but the daemon from a given command.
+
+        The ports are three from `port` on. A named board has its own /etc/talp, /run/talp and
+        /dev/ttyUSB*, which lie below `root`. Without real_time the daemon's pauses of two and
+        three seconds take a tenth.
+        """
+        sandbox.require()
+        self.build = Path(build).resolve()
+        self.daemon = list(daemon) or [str(self.build / "src/talp")]
+        self.ports = {interface: port + i for i, interface in enumerate(NAMES)}
+        self.name = name
+        self.daemons = []
+        self.owned = []
+        self.closing = contextlib.ExitStack()
+        self.work = Path(f"/run/talp-board{name}")  # what the daemon's user, any, needs of tests
+        self.work.mkdir()
+        self.closing.callback(shutil.rmtree, self.work)
+        self.root = str(self.work) if name else ""
+        for directory in "/etc/talp", "/run/talp", "/dev/pts":
+            os.makedirs(self.root + directory, exist_ok=True)
+        self.config_file = Path(self.root + "/etc/talp/talpconf.xml")
+        self.pid_file = Path(self.root + "/run/talp/talp.pid")
+        self.config_file.unlink(missing_ok=True)
+        self.pid_file.unlink(missing_ok=True)
+        self.stdout, self.stderr = self.work / "stdout", self.work / "stderr"
+        self.log_file = log_file or str(self.work / "talp.log")
+        self.log = self.own(Log(self.log_file))
+        self.pause_file = self.work / "pauses"
+        self.pause_file.touch()
+        self.pause_file.chmod(0o666)
+        self.path = self.work / "bin"
+        self.path.mkdir()
+        shortened = "" if real_time else "0."
+        self.replace_sleep(SLEEP.format(record=self.pause_file, shortened=shortened))
+        # An emulated daemon, with its emulator in the command, reads slowly enough without.
+        self.preload = ""
+        library = self.build / "tests/kit/libsurroundings.so"
+        if library.exists() and len(self.daemon) == 1:
+            self.preload = shutil.copy(library, self.path)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def own(self, thing):
+        """To be closed with the board, the last first."""
+        self.closing.callback(thing.close)
+        self.owned.append(thing)
+        return thing
+
+    def close(self):
+        while self.daemons:
+            self.kill(self.daemons[0])
+        self.closing.close()
+        self.owned.clear()
+
+    def replace_sleep(self, script):
+        """What the daemon runs to pause."""
+        (self.path / "sleep").write_text(script)
+        (self.path / "sleep").chmod(0o755)
+
+    def write_config(self, **changes):
+        """Separators as the configuration has them; other values as numbers, texts and bools."""
+        values = {"log": self.log_file, "level": 1, "percent": 50, "poll": False, "discover": True}
+        values |= {name.lower(): port for name, port in self.ports.items()}
+        self.config_file.write_text(CONFIG.format(**values | SEPARATORS | changes))
+
+    def add_board(self, name, port):
+        """Another daemon to come in the same sandbox."""
+        return self.own(Board(self.build, self.daemon, name, port))
+
+    def boards(self):
+        return [self] + [thing for thing in self.owned if isinstance(thing, Board)]
+
+    def bus(self, *options, link="/dev/ttyUSB0"):
+        program = str(self.build / "tools/cardsim/talp-cardsim")
+        return self.own(Bus(program, "--link", self.root + link, *options))
+
+    def client(self, name, left_over=""):
+        """A client that has got its banner, behind what was left over for it."""
+        client = self.own(Client(name, self.ports[name]))
+        client.expect(left_over + BANNERS[name])
+        return client
+
+    def patient_client(self, name):
+        """The same, but tried again until the interface listens and has greeted it.
+
+        A connection that waits behind another one ends with that one.
+        """
+
+        def greeted():
+            client = None
+            try:
+                client = Client(name, self.ports[name])
+                client.expect_after(BANNERS[name])
+                return client
+            except FAILURE:
+                if client:
+                    client.close()
+                return None
+
+        return self.own(wait_for(f"a place on {name}", greeted))
+
+    def program(self, name, *command, **options):
+        return self.own(Program(name, command, **options))
+
+    def on_board(self, *command):
+        """The command with this board's paths in place of the fixed ones."""
+        if not self.name:
+            return list(command)
+        return ["unshare", "--mount", "sh", "-euc", ENTER_BOARD, "board", self.root, *command]
+
+    def launch(self, **environment):
+        """Runs the daemon's program until its foreground process ends well."""
+        changed = {"PATH": f"{self.path}:{os.environ['PATH']}"}
+        if self.preload:
+            changed |= {"LD_PRELOAD": self.preload, "ASAN_OPTIONS": "verify_asan_link_order=0"}
+        environment = os.environ | changed | environment
+        command = self.on_board(*self.daemon)
+        with open(self.stdout, "ab") as output, open(self.stderr, "ab") as errors:
+            process = subprocess.Popen(
+                command, stdin=subprocess.DEVNULL, stdout=output, stderr=errors, env=environment
+            )
+        process.returncode = wait_for_exit(process.pid)
+        check_equal(process.returncode, 0, "exit status of the foreground process")
+
+    def launch_daemon(self, **environment):
+        """The same, until the background process has written its id, which is returned."""
+        before = read_file(self.pid_file)
+        self.launch(**environment)
+        written = lambda: read_file(self.pid_file) not in ("", before)
+        wait_for("the PID file", written)
+        pid = int(read_file(self.pid_file))
+        self.daemons.append(pid)
+        return pid
+
+    def start(self, environment=None, **config):
+        """The same with this configuration, until the interfaces listen."""
+        self.write_config(**config)
+        pid = self.launch_daemon(**environment or {})
+        ready = [f"[INF] {name} interface listening on port {self.ports[name]}" for name in NAMES]
+        self.log.expect("[INF] talp is started", *ready)
+        return pid
+
+    def expect_end(self, pid, status=0):
+        check_equal(wait_for_exit(pid), status, f"exit status of process {pid}")
+        self.daemons.remove(pid)
+
+    def kill(self, pid):
+        """As kill -9 does."""
+        os.kill(pid, signal.SIGKILL)
+        self.expect_end(pid, -signal.SIGKILL)
+
+    def stop(self, pid, number=signal.SIGTERM):
+        """Sends SIGINT or SIGTERM and expects the last log lines and a good end."""
+        self.log.pull()
+        timeouts = [line for line in self.log.lines if LATE in line]
+        os.kill(pid, number)
+        parts = [f"{name} interface" for name in (*NAMES, "serial")]
+        self.log.expect(
+            *(f"[INF] signal {int(number)} on {part}" for part in parts),
+            "[INF] talp is stopped by SIGTERM or SIGINT",
+        )
+        self.expect_end(pid)
+        # The end closes the bus, which the task that reads from it may take for a lost reply.
+        self.log.pull()
+        self.log.lines = timeouts + [line for line in self.log.lines if LATE not in line]
+
+    def finish(self):
+        """Ends the daemons well, and finds no reply lost but those that were expected."""
+        for board in self.boards():
+            check(not board.log.has(LATE), f"a reply came too late:{board.log.instead()}")
+            while board.daemons:
+                board.stop(board.daemons[0])
+            check_equal(read_file(board.stderr), "", "standard error of the daemon")
+
+    def report(self):
+        """What was seen last, as pairs of title and text."""
+        for board in self.boards():
+            yield f"log {board.name}", read_file(board.log_file)[-8000:]
+            yield f"standard error of the daemon {board.name}", read_file(board.stderr)[-8000:]
+            for source in board.owned:
+                if isinstance(source, Source) and source is not board.log:
+                    with contextlib.suppress(OSError, TypeError):  # if it is closed
+                        source.pull()
+                    yield source.name, "\n".join(source.recent)
+
+    def pauses(self, seconds):
+        """How many pauses of this length the daemon has begun."""
+        return read_file(self.pause_file).split().count(str(seconds))
