@@ -154,7 +154,11 @@ bool DAEMON_LOOK::ReadPidFile() {
 
 void DAEMON_LOOK::NeedsRoot(const char* place, const std::string& what) {
   mayChange_ = false;
-  Add(Error, place, what + "; look again as root");
+  Add(Error, place,
+      what + (geteuid() == 0
+                  ? "; root may look into it with CAP_SYS_PTRACE only, which a container "
+                    "may withhold"
+                  : "; look again as root"));
 }
 
 // The daemon writes its PID file when it starts and reads its configuration right after.
