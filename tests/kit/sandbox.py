@@ -26,6 +26,8 @@ def enter(*options):
     """
     if not is_inside():
         sandbox = str(TOP / "tools/talp-sandbox")
+        # In place, nobody else may use the ports that this configuration names, as all others do.
+        options = (*options, "--config", str(TOP / "packaging/talpconf.xml"))
         os.execv(sandbox, [sandbox, *options, "--", sys.executable, "-B", *sys.argv])
     # Orphans become children of this process, which so learns how a daemon ends.
     set_child_subreaper = 36
