@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 
-from kit.expecting import LIMIT, wait_for
+from kit.expecting import LIMIT
 from kit.programs import Program
 from kit.sandbox import TOP, needs_namespaces
 
