@@ -68,24 +68,35 @@ def test_a_reply_that_promises_too_much_is_none(board, polls, silent, bus):
     silent.order("return")
 
 
-def test_an_error_in_answer_to_the_handshake_is_taken_without_a_word(board, polls, bus):
-    bus.order("fault error=4E on handshake", "fault short on poll")
+@pytest.mark.parametrize(
+    "fault, answer", (("error=4E", "tx 05 4E 32 2E 30 37"), ("cut=0", "tx 00"))
+)
+def test_any_answer_to_the_handshake_is_taken_without_a_word(board, polls, bus, fault, answer):
+    bus.order(f"fault {fault} on handshake", "fault short on poll")
     board.log.expect(TIMEOUT, *SILENT_TRIED, f"[INF] try to catch hardware on {SECOND}")
-    bus.expect("tx 05 4E 32 2E 30 37")
+    bus.expect(answer)
     bus.expect(polls.longer())
     assert not board.log.has("hardware found")
 
 
-def test_an_adapter_may_come_back_under_another_number(board, polls, silent, bus):
+def test_an_adapter_may_come_back_under_another_number_and_names_are_tried_in_order(
+    board, polls, silent, bus
+):
     silent.order("hangup")
     bus.order("hangup")
     board.log.expect(TIMEOUT)
     board.log.expect("[ERR] ttyUSB devices couldn't be found")
-    bus.order("return /dev/ttyUSB7")
-    board.log.expect(*hardware_found("/dev/ttyUSB7"))
+    bus.order("return /dev/ttyUSB10")
+    board.log.expect(*hardware_found("/dev/ttyUSB10"))
     bus.expect(polls.longer())
+    silent.order("return /dev/ttyUSB2")  # behind ttyUSB10
+    bus.order("fault lost on poll")
+    board.log.expect("[INF] comm timeout /dev/ttyUSB10", *hardware_found("/dev/ttyUSB10"))
+    assert not board.log.has("/dev/ttyUSB2")
+    bus.expect(polls.longer())
+    silent.order("hangup")
     bus.order("hangup")
-    board.log.expect("[INF] comm timeout /dev/ttyUSB7")
+    board.log.expect("[INF] comm timeout /dev/ttyUSB10")
     bus.order(f"return {SECOND}")
     board.log.expect(*hardware_found(SECOND))
     bus.expect(polls.longer())

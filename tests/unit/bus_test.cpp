@@ -27,6 +27,11 @@ TEST(Frame, AttemptBudgets) {
   }
 }
 
+TEST(Frame, LongPayloadIsCut) {
+  const REQUEST_FRAME frame = BuildRequestFrame(BYTE_LIST(300, 'x'));
+  EXPECT_EQ("\xFF" + std::string(255, 'x'), std::string(frame.bytes.data(), frame.size));
+}
+
 TEST(SerialPort, LineSettings) {
   const FILE_DESCRIPTOR bus(posix_openpt(O_RDWR | O_NOCTTY));
   ASSERT_EQ(0, grantpt(bus.Number()) + unlockpt(bus.Number()));

@@ -7,31 +7,18 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 
+#include "calls.h"
 #include "core/byte_list.h"
 #include "core/config.h"
 #include "core/file_descriptor.h"
 #include "core/logger.h"
 #include "core/sleepsec.h"
 #include "support.h"
-
-namespace {
-
-constexpr int kLongPause = 1000;  // seconds; longer than any other pause of the test program
-int longPauses = 0;
-
-}  // namespace
-
-// Stands in for the C library's: counts the pauses that are under test instead of making them.
-extern "C" int nanosleep(const timespec* pause, timespec* rest) {
-  if (pause->tv_sec < kLongPause) return clock_nanosleep(CLOCK_MONOTONIC, 0, pause, rest);
-  ++longPauses;
-  return 0;
-}
 
 namespace {
 
@@ -49,14 +36,36 @@ TEST(SleepSec, PausesByItselfOnlyIfTheShellCouldNot) {
   signal(SIGCHLD, SIG_DFL);
 }
 
-TEST(ByteList, EmptyTextIsOneZeroByte) { EXPECT_EQ("00", ToHex(Convert_String2QList(""))); }
+TEST(ByteList, Conversions) {
+  EXPECT_EQ("00", ToHex(Convert_String2QList("")));
+  EXPECT_EQ("", ToHex(Convert_CharBuff2QList("")));
+  EXPECT_EQ("41 FF", ToHex(Convert_CharBuff2QList("A\xFF")));
+  EXPECT_EQ("41 00", ToHex(Convert_BinBuff2QList("\2A\0B")));
+  EXPECT_EQ("A", Convert_CharBuff2String("A\0B"));
+  char bytes[] = "xxxx";
+  Convert_QList2BinBuff({'A', '\0'}, bytes);
+  EXPECT_EQ("41 00 78 78", ToHex(std::string(bytes, 4)));
+  for (const CASE& row : {CASE{"", "00"}, {"F", "0F"}, {"1f", "10"}, {"A5C", "A5"}}) {
+    EXPECT_EQ(row.result, ToHex(REPLY{Convert_HexStr2Byte(row.input)})) << row.input;
+  }
+}
+
+TEST(ByteList, Dumps) {
+  testing::internal::CaptureStdout();
+  PrintBuffer("A\r", 2);
+  PrintBufferID("\x1F\x20\xE1", 3, "IO");
+  PrintQList({'A', '\0'});
+  EXPECT_EQ(
+      "Buffer content: A:65|.:13|\nIO Buffer content: .:31| :32|\xE1:225|\n"
+      "List size: 2\nContent: A:65|.:0|\n",
+      testing::internal::GetCapturedStdout());
+}
 
 TEST(ByteList, ReplyClasses) {
-  std::string classes = std::to_string(GetQListError({}));
-  for (const char code : std::string("T\x12#$NBCtQ\x92")) {
-    classes += std::to_string(GetQListError({code, 'T'}));
-  }
-  EXPECT_EQ("51233466000", classes);
+  EXPECT_EQ(5, GetQListError({}));
+  const std::pair<char, int> codes[] = {{'T', 1}, {0x12, 2}, {'#', 3}, {'$', 3}, {'N', 4},
+                                        {'B', 6}, {'C', 6},  {'t', 0}, {'Q', 0}, {'\x92', 0}};
+  for (const auto& [code, kind] : codes) EXPECT_EQ(kind, GetQListError({code, 'T'})) << code;
 }
 
 TEST(Logger, WholeLinesOfTheLevelsKept) {
@@ -76,36 +85,41 @@ TEST(Logger, WholeLinesOfTheLevelsKept) {
   EXPECT_NE(std::string::npos, text.find(std::string(3000, 'x')));
 }
 
-// The zone may be set while the daemon runs.
-TEST(Logger, LocalTimeOfTheZoneThatIsSetNow) {
+// The zone may change while the daemon runs. The system here writes three bytes at a time.
+TEST(Logger, LocalTimeOfEachLineAndWholeLines) {
   const TEMP_DIR directory;
   LOGGER logger;
   logger.fileName = directory.Path("log");
-  const char* const before = getenv("TZ");
-  const std::string zoneBefore = before == nullptr ? "" : before;
-  constexpr std::pair<const char*, int> kZones[] = {{"EAST-5", 5}, {"WEST7", -7}, {"UTC0", 0}};
-  for (const auto& [zone, hours] : kZones) {
-    setenv("TZ", zone, 1);
-    const time_t earliest = time(nullptr);
-    logger.LOG("INF", zone, 1);
-    std::set<std::string> times;
-    for (time_t now = earliest; now <= time(nullptr); ++now) {
-      const time_t shifted = now + hours * 3600;
-      tm utc{};
-      gmtime_r(&shifted, &utc);
-      char text[20];
-      times.emplace(text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &utc));
-    }
-    const std::string line = ReadFile(logger.fileName);
-    EXPECT_EQ(1U, times.count(line.substr(0, line.find(" ["))))
-        << line << "is not local in " << zone;
-    std::filesystem::remove(logger.fileName);
+  setenv("TZ", "XXX-5:30", 1);
+  const mode_t mask = umask(0);
+  mostWritten = 3;
+  now = 1000000000;
+  logger.LOG("INF", "one", 1);
+  now += 86400 + 3600;
+  setenv("TZ", "YYY7", 1);
+  logger.LOG("INF", "two", 1);
+  EXPECT_EQ("2001-09-09 07:16:40 [INF] one\n2001-09-09 19:46:40 [INF] two\n",
+            ReadFile(logger.fileName));
+  const auto many = [&logger] {
+    for (int i = 0; i < 300; ++i) logger.LOG("ERR", "of one thread", 1);
+  };
+  std::thread other(many);
+  many();
+  other.join();
+  mostWritten = 0;
+  now = 0;
+  umask(mask);
+  unsetenv("TZ");
+  tzset();
+  struct stat about {};
+  stat(logger.fileName.c_str(), &about);
+  EXPECT_EQ(0666U, about.st_mode & 0777U);
+  std::istringstream text(ReadFile(logger.fileName));
+  int whole = 0;
+  for (std::string line; std::getline(text, line);) {
+    whole += line == "2001-09-09 19:46:40 [ERR] of one thread" ? 1 : 0;
   }
-  if (before == nullptr) {
-    unsetenv("TZ");
-  } else {
-    setenv("TZ", zoneBefore.c_str(), 1);
-  }
+  EXPECT_EQ(600, whole);
 }
 
 TEST(Logger, DropsLinesForAPipe) {
@@ -145,6 +159,8 @@ constexpr CASE kSettings[] = {
     {"<Debuglog Loglevel='-2x' File='/a b'/><debuglog File='/c'/>", " level -2 log /a b"},
     {"<InitPollState Action='true'/><AutoDiscover Action='TRUE'/>", " polls discovers"},
     {"<InitPollState Action='1'/><AutoDiscover Action='yes'/>", ""},
+    {"<Debuglog Loglevel='99999999999999999999'/>", " level 2147483647"},
+    {"<Debuglog Loglevel='-99999999999999999999'/>", " level -2147483648"},
     {"<Speed>", " error Unable to load config, or unable to parse XML file!"},
 
     // Speed is bounded by int only.
@@ -158,7 +174,9 @@ constexpr CASE kEntries[] = {
     {"<a Name='IO' Port='1025'/>", " IO 1025 \r\n \r\n 5000"},
     {"<a Name='CAE' InpSeparator='\\n'/>", " CAE 0 \n \r\n 5000"},
     {"<!-- -->text<a Name='MON' OutSeparator='\\\\r;\\t'/>", " MON 0 \r\n \\\r;\\t 5000"},
-    {"<a Name='io' Port='2000'/><a Name='DMI' Port='3000'/>", ""},
+    {"<a Name='io' Port='2000'/><a Name='DMI' Port='3000'/><a Name='MONITOR' Port='3000'/>", ""},
+    {"<a Name='CAE' InpSeparator='\\n\\r\\n\\r'/>", " CAE 0 \n\r\n\r \r\n 5000"},
+    {"<a Name='IO' Port='4294968320'/>", " IO 2147483647 \r\n \r\n 5000"},
     // Four entries and no more, whatever they are.
     {"<a/><a/><a/><a Name='IO'/><a Name='CAE' Port='1'/>", " IO 0 \r\n \r\n 5000"},
 
@@ -173,6 +191,8 @@ constexpr CASE kEntries[] = {
     {"<a Port='80' Name='CAE'/><a Name='MON'/>", " error  interface port number is less than 1025"},
     {"<a Name='IO'/><a Name='MON' Port='1024'/><a Name='CAE' Port='3000'/>",
      " error MON interface port number is less than 1025 IO 0 \r\n \r\n 5000"},
+    {"<a Name='IO' Port='0'/></Interfaces><Speed Percent='100'/><Interfaces>",
+     " error IO interface port number is less than 1025"},
 };
 
 TEST(Config, Documents) {
@@ -184,6 +204,8 @@ TEST(Config, Documents) {
   ExpectCases(root, kSettings);
   ExpectCases([&](const std::string& s) { return root("<Interfaces>" + s + "</Interfaces>"); },
               kEntries);
+  const std::string other = "<Other><Speed Percent='75'/></Other>";
+  EXPECT_EQ("", Described(ReadConfigFile(directory.Write("other.xml", other).c_str())));
 }
 
 }  // namespace

@@ -2,32 +2,18 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <thread>
-#include <utility>
 
+#include "calls.h"
 #include "core/file_descriptor.h"
 #include "net/io_command.h"
 #include "net/socket_interface.h"
 #include "support.h"
-
-namespace {
-
-std::function<void()> whileOpening;
-
-}  // namespace
-
-// Stands in for the C library's: once, something else happens while a listener is being opened.
-extern "C" int listen(int socket, int backlog) noexcept {
-  if (whileOpening) std::exchange(whileOpening, nullptr)();
-  return static_cast<int>(syscall(SYS_listen, socket, backlog));
-}
 
 namespace {
 
@@ -167,6 +153,44 @@ TEST_F(SocketInterface, CloseByCommandEndsWhatItIsBlockedIn) {
   EXPECT_TRUE(Logged("connection is closed by command on IO interface"));
   EXPECT_FALSE(Logged("connection is closed by client on IO interface"));
   EXPECT_FALSE(Logged("socket accept error on IO interface"));
+}
+
+TEST_F(SocketInterface, WhatIsQueuedWhenAClientLeavesGoesToTheNext) {
+  SOCKET_INTERFACE interface(settings_, logger_, &input_, FramingMode::Text);
+  ASSERT_TRUE(interface.Init());
+  const std::string banner = "TALP IO interface is ready\r\n\r";
+  const auto accepts = [&] { return interface.descriptor.state == InterfaceState::Accepting; };
+  const auto queue = [&interface](const char* text) {
+    interface.outputQueue.ToQueue(Convert_String2QList(text));
+  };
+  {
+    CLIENT leaves(settings_.port);
+    leaves.Expect(banner);
+    // cppcheck-suppress danglingLifetime; it is called once, by the end of the client
+    whileReading = [&] { queue("lost"), queue("kept"); };
+  }
+  ASSERT_TRUE(ComesTrue(accepts));
+  {
+    CLIENT closed(settings_.port);
+    closed.Expect("kept\r" + banner);
+    EXPECT_TRUE(Logged("socket write error on IO interface"));
+    // A close by command while it reads: what the master queues behind it is for the next.
+    // cppcheck-suppress danglingLifetime; it is called once, by what is sent
+    whileReading = [&] { interface.CloseByCommand(), queue("next"); };
+    closed.Send("x");
+    ASSERT_TRUE(ComesTrue([] { return whileReading.IsDone(); }) && ComesTrue(accepts));
+  }
+  // A close between the end of the wait for a client and its greeting.
+  // cppcheck-suppress danglingLifetime; it is called once, by the line that a client is connected
+  whileLogging = [&] { interface.CloseByCommand(); };
+  { CLIENT ungreeted(settings_.port); }
+  ASSERT_TRUE(ComesTrue([] { return whileLogging.IsDone(); }) && ComesTrue(accepts));
+  CLIENT client(settings_.port);
+  client.Expect("next\r" + banner);
+  client.Send("x");  // greeted once: nothing comes before the answer
+  ASSERT_TRUE(ComesTrue([this] { return TextOf(input_.DeQueue()) == "x"; }));
+  queue("answer");
+  client.Expect("answer\r");
 }
 
 TEST_F(SocketInterface, WithoutAPortItNeverListens) {
