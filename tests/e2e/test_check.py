@@ -89,6 +89,9 @@ def test_no_adapter_then_one_and_a_client(board, look, log):
     with open(LOG_FILE, "a", encoding="ascii") as file:
         file.write("2000-01-01 00:00:00 [INF] talp is started\n")
     look(0, *healthy)
+    os.utime(board.config_file, (2000000000, 2000000000))
+    changed = f"{board.config_file}: warning: changed after talp was started; .*"
+    look(1, healthy[0], changed, *healthy[1:])
     board.stop(pid)
     bus.close()
 

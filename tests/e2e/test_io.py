@@ -63,6 +63,22 @@ def test_input_changes_reach_io_and_monitor(cae, io, mon, bus):
     switch_polling(cae, False)
 
 
+def test_a_cycle_takes_one_line_of_each_sort(cae, io, mon, bus):
+    # While a console command waits for its card, two input lines and an IO line come in.
+    bus.order("set 3 0 11", "set 3 1 22")
+    switch_polling(cae, True)
+    expect_inputs((io, mon), "a3b0d11", "a3b1d22")
+    cae.send("REBOOT:5\r\n")
+    bus.expect("direct 5 reboot")
+    io.send("a5b0d00\r\n")
+    bus.order("set 3 0 33", "set 3 1 44")
+    bus.expect("tx 04 21 03 33 44")
+    mon.expect("a3b0d33\r\n\ra5b0d00\r\n\ra3b1d44\r\n\r")
+    io.expect("a3b0d33\r\n\ra3b1d44\r\n\r")
+    cae.expect("CIA: Card is REBOOTED\r\n\rRBT:0x5:OK\r\n\r>\r\n\r")
+    switch_polling(cae, False)
+
+
 def test_a_direct_answer_tells_the_last_changes_once_more(cae, io, mon, bus):
     # One good round of polls, then errors only.
     bus.order("set 3 0 81", "fault long 3 on poll", "fault error=4E forever on poll")
