@@ -3,7 +3,6 @@
 import pytest
 
 from kit.cards import expect_discovery, switch_polling
-from kit.expecting import read_file, wait_for
 
 
 @pytest.fixture(scope="module", autouse=True)
@@ -29,18 +28,6 @@ def test_a_client_is_greeted_after_one_pause(board, cae, mon):
     client = board.client("IO")
     assert (board.pauses(2), board.pauses(3)) == (0, before)
     leave(board, client)
-
-
-def test_connections_are_probed_within_a_minute_of_silence(board, cae, io, mon):
-    def timers():
-        rows = [row.split() for row in read_file("/proc/net/tcp").splitlines()]
-        ports = [f":{port:04X}" for port in board.ports.values()]
-        established = [row for row in rows if row[1][-5:] in ports and row[3] == "01"]
-        return [tuple(int(part, 16) for part in row[5].split(":")) for row in established]
-
-    of_keepalive, longest = 2, 6000  # ticks of 10 ms
-    armed = lambda: [kind == of_keepalive and left <= longest for kind, left in timers()]
-    wait_for("keepalive timers", lambda: armed() == [True] * 3, None, timers)
 
 
 def test_exit_says_goodbye_and_closes(board, io):

@@ -6,8 +6,10 @@ from pathlib import Path
 
 import pytest
 
+from kit.board import NAMES
 from kit.expecting import read_file
 from kit.sandbox import needs_namespaces
+
 
 @pytest.fixture
 def log(board):
@@ -67,6 +69,17 @@ def test_the_start_is_logged_with_its_parameters(board, log):
     )
     log.expect("[INF] MON interface listening on port 5003")
     board.stop(pid)
+
+
+@pytest.mark.parametrize("level", (0, 2))
+def test_a_level_above_that_of_the_lines_keeps_all_of_them_out(board, log, level):
+    before = read_file(board.log_file)
+    board.write_config(level=level)
+    pid = board.launch_daemon()
+    for name in NAMES:
+        board.patient_client(name).close()
+    assert (read_file(board.log_file) == before) == (level == 2)
+    board.kill(pid)
 
 
 def test_a_name_too_long_for_the_listing_is_read_as_two_wrong_ones(board, log):

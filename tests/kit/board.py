@@ -92,7 +92,9 @@ class Log(LineSource):
 class Client(Source):
     """A client of the interface CAE, IO or MON."""
 
-    def __init__(self, name, port):
+    def __init__(self, name, port, inp="\r\n", end="\r\n"):
+        """The separators are those of the lines that it sends and of those that it gets."""
+        self.inp, self.end = inp, end
         try:
             connection = socket.create_connection(("127.0.0.1", port), LIMIT)
         except OSError as error:
@@ -100,9 +102,12 @@ class Client(Source):
         super().__init__(f"{name} client", connection.detach())
 
     def ask(self, line, *answers):
-        """Sends a console line, without its separator, and expects the answer lines."""
-        self.send(line + "\r\n")
-        self.expect("".join(f"{answer}\r\n\r" for answer in answers))
+        """Sends a line, without its separator, and expects the lines that answer it."""
+        self.send(line + self.inp)
+        self.expect_lines(*answers)
+
+    def expect_lines(self, *lines):
+        self.expect("".join(f"{line}{self.end}\r" for line in lines))
 
 
 class Board:
@@ -179,7 +184,11 @@ class Board:
         """Separators as the configuration has them; other values as numbers, texts and bools."""
         values = {"log": self.log_file, "level": 1, "percent": 50, "poll": False, "discover": True}
         values |= {name.lower(): port for name, port in self.ports.items()}
-        self.config_file.write_text(CONFIG.format(**values | SEPARATORS | changes))
+        values |= SEPARATORS | changes
+        self.config_file.write_text(CONFIG.format(**values))
+        plain = lambda name: values[name].replace("\\r", "\r").replace("\\n", "\n")
+        self.separators = {"CAE": (plain("cae_in"), plain("cae_end"))}
+        self.separators |= dict.fromkeys(("IO", "MON"), (plain("io_in"), plain("io_end")))
 
     def add_board(self, name, port):
         """Another daemon to come in the same sandbox."""
@@ -194,7 +203,7 @@ class Board:
 
     def client(self, name, left_over=""):
         """A client that has got its banner, behind what was left over for it."""
-        client = self.own(Client(name, self.ports[name]))
+        client = self.own(Client(name, self.ports[name], *self.separators[name]))
         client.expect(left_over + BANNERS[name])
         return client
 
