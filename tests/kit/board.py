@@ -287,8 +287,6 @@ class Board:
             "[INF] talp is stopped by SIGTERM or SIGINT",
         )
         self.expect_end(pid)
-        last = read_file(self.log_file).splitlines()[-1]
-        check("talp is stopped" in last, f"its last line is {last}")
         # The end closes the bus, which the task that reads from it may take for a lost reply.
         self.log.pull()
         self.log.lines = timeouts + [line for line in self.log.lines if LATE not in line]
