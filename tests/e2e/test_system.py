@@ -177,13 +177,11 @@ def test_a_second_listening_that_fails_is_tried_again(board, bus):
     board.stop(pid)
 
 
-def test_a_thread_that_cannot_be_created_is_reported(board, bus, calls):
-    board.write_config()
-    pid = board.launch_daemon(TALP_FAIL="pthread_create 11 0 1")
-    board.log.expect(*hardware_found())
-    wanted = "error: could not create thread, pthread_create failed (11)!\n"
-    assert read_file(board.stderr) == wanted
+def test_threads_that_cannot_be_created_are_reported(board, bus, calls):
+    pid = board.start({"TALP_FAIL": "pthread_create 11 0 100"})
     board.stop(pid)
+    wanted = "error: could not create thread, pthread_create failed (11)!\n"
+    assert read_file(board.stderr) == 4 * wanted
     board.stderr.write_text("")
 
 

@@ -51,7 +51,9 @@ bool Fails(const char* name) {
   static const char* const setting = Setting("TALP_FAIL");
   static std::atomic<int> calls{0};
   char which[32] = "";
-  int error = 0, skipped = 0, count = 0;
+  int error = 0;
+  int skipped = 0;
+  int count = 0;
   if (setting == nullptr) return false;
   if (std::sscanf(setting, "%31s %d %d %d", which, &error, &skipped, &count) != 4) return false;
   if (std::strcmp(which, name) != 0) return false;
@@ -140,6 +142,7 @@ void closelog() {
 int open(const char* path, int flags, ...) {
   va_list rest;
   va_start(rest, flags);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is, above
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
   va_end(rest);
   Record(std::string("open ") + path + Text(flags, mode));

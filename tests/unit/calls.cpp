@@ -10,6 +10,7 @@ time_t now = 0;
 std::size_t mostWritten = 0;
 HOOK whileOpening, whileReading, whileLogging;
 
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the library's are reserved
 extern "C" {
 
 int nanosleep(const timespec* pause, timespec* rest) {
@@ -42,3 +43,4 @@ ssize_t read(int file, void* bytes, std::size_t size) {
 }
 
 }  // extern "C"
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

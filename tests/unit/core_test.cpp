@@ -72,7 +72,7 @@ TEST(ByteList, ReplyClasses) {
 // and two threads write.
 TEST(Logger, WholeLinesOfTheLevelsKept) {
   const TEMP_DIR directory;
-  LOGGER logger, assigned;
+  LOGGER logger;
   logger.fileName = directory.Path("log");
   logger.level = 2;
   setenv("TZ", "XXX-5:30", 1);
@@ -89,6 +89,7 @@ TEST(Logger, WholeLinesOfTheLevelsKept) {
   copy.LOG("INF", "one", 2);
   now += 86400 + 3600;
   setenv("TZ", "YYY7", 1);
+  LOGGER assigned;
   assigned = copy;
   assigned.LOG("INF", "filtered", 1);
   assigned.LOG("ERR", "two", 3);

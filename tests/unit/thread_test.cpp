@@ -40,7 +40,8 @@ class WORKER final : public CThread {
 };
 
 TEST(CThread, StoreHolds99ItemsNewestFirst) {
-  char last[] = "!", other[] = "x";
+  char last[] = "!";
+  char other[] = "x";
   WORKER worker(ThreadType_t::EventDriven);
   EXPECT_TRUE(
       ComesTrue([&] { return worker.Event(static_cast<void*>(nullptr)) && worker.passes; }));
@@ -93,7 +94,8 @@ TEST(CThread, StatesAndErrors) {
 
 // The pending items are a pass, and one without them is another.
 TEST(CThread, ItemsOrNone) {
-  char first[] = "1", second[] = "2";
+  char first[] = "1";
+  char second[] = "2";
   WORKER worker(ThreadType_t::EventDriven);
   worker.Stop();
   EXPECT_TRUE(worker.Push(first) && worker.Push(second) && worker.Start());
