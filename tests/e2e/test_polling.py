@@ -7,7 +7,7 @@ import pytest
 from kit.cards import ADAPTER, HANDSHAKE, hardware_found, switch_polling
 from kit.expecting import wait_for
 
-CARDS = ("--card=3=din", "--card=5=dout", "--card=8=keypad", "--card=F=analog")
+CARDS = tuple(f"--card={kind}" for kind in ("0=servo", "3=din", "5=dout", "8=keypad", "F=analog"))
 TIMEOUT = f"[INF] comm timeout {ADAPTER}"
 DIN, KEYPAD, ANALOG = "20 03 02", "20 08 01", "20 0F 06"
 
@@ -71,13 +71,12 @@ def test_requests_wait_in_the_queue_of_their_card_and_the_console_behind_them(bo
     io.send("a5b0d01\r\n")  # finds that the adapter is gone
     board.log.expect(TIMEOUT)
     board.log.expect("[ERR] ttyUSB devices couldn't be found")
-    io.send("a5b0d02\r\na3b0d55\r\n")
+    io.send("a5b0d02\r\na0b4d10\r\n")
     cae.ask("REBOOT:F", "CIE: BUS WRITE ERROR", ">")
-    cae.ask("REBOOT:3", "CIE: BUS WRITE ERROR", ">")
     bus.order("return")
     board.log.expect(*hardware_found())
-    reboot = "rx 04 50 0{} 01 AB"
-    assert requests(bus, 5)[1:4] == ["rx 05 10 05 02 02 FF", "rx 04 50 0F 01 AB", reboot.format(3)]
+    servo, output = "rx 09 10 00 06 80 80 80 80 10 80", "rx 05 10 05 02 02 FF"
+    assert requests(bus, 5)[1:] == [servo, output, "rx 04 50 0F 01 AB", "rx 01 30"]
 
 
 def test_poll_off_stops_polling_that_card(cae, bus):
@@ -119,7 +118,7 @@ def test_a_long_stray_reply_is_dropped_before_the_next_request(board, cae, bus):
     cae.send("FORCEDISCOVER\r\n")
     cae.expect_after(">\r\n\r")
     board.log.expect(TIMEOUT, *hardware_found())
-    bus.expect("tx 11 31 00 00 00 04 00 03 00 00 08 00 00 00 00 00 00 07")
+    bus.expect("tx 11 31 05 00 00 04 00 03 00 00 08 00 00 00 00 00 00 07")
     cae.ask("REBOOT:5", "CIA: Card is REBOOTED", "RBT:0x5:OK", ">")
 
 
