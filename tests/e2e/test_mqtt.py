@@ -126,28 +126,54 @@ def test_input_changes_are_told_by_block_and_by_bit(board, watcher, bus):
     poll(board, False)
 
 
-def test_the_topics_of_each_document_do_what_home_assistant_would_do_with_them(broker, watcher):
-    documents = broker.documents()
-    counts = collections.Counter(name.split("/")[1] for name in documents)
-    assert counts == {"binary_sensor": 16, "switch": 16, "sensor": 7, "number": 10}
-    assert len({entry["unique_id"] for entry in documents.values()}) == 49
-    for name, entry in documents.items():
-        of_all = entry["availability_topic"], entry["device"]["identifiers"]
-        assert of_all == (TOPIC + "status", ["talp_b"]), name
-        if "command_topic" in entry:
-            values = ("0", "255") if "/number/" in name else ("OFF", "ON")
-            broker.publish_lines(entry["command_topic"], values)
-            watcher.expect(f"{entry['state_topic']} {values[1]}")
-    states = {entry["state_topic"] for entry in documents.values()}
+def test_home_assistant_gets_a_device_for_the_board_and_each_card(broker, watcher):
+    devices = {name.split("/")[2]: entry for name, entry in broker.documents().items()}
+    assert sorted(devices) == ["talp_b", *(f"talp_b_{digit}" for digit in "03458EF")]
+    parts = [part for entry in devices.values() for part in entry["components"].values()]
+    counts = collections.Counter(part["platform"] for part in parts)
+    assert counts == {"binary_sensor": 17, "switch": 16, "sensor": 7, "number": 10, "text": 1}
+    assert len({part["unique_id"] for part in parts}) == 51
+    board = devices.pop("talp_b")
+    assert board["components"]["connection"]["state_topic"] == TOPIC + "status"
+    for name, entry in devices.items():
+        about = entry["device"]
+        assert (about["via_device"], about["name"]) == ("talp_b", f"b card {name[-1]}")
+        assert entry["availability_topic"] == TOPIC + "status"
+        assert set(entry) == {"device", "origin", "components", "availability_topic"}
+
+
+def test_entities_keep_their_ids_and_have_short_names(broker):
+    devices = broker.documents()
+    for card, key, name, identity in (
+        ("5", "1_2", "Output 1.2", "talp_b_card5_1_2"),
+        ("3", "0_3", "Input 0.3", "talp_b_card3_0_3"),
+        ("0", "4", "Servo 4", "talp_b_card0_4"),
+        ("4", "2", "Motor 2", "talp_b_card4_2"),
+        ("4", "3", "Control", "talp_b_card4_3"),
+        ("8", "0", "Keys", "talp_b_card8_0"),
+        ("F", "2", "Channel 2", "talp_b_cardF_2"),
+    ):
+        part = devices[f"homeassistant/device/talp_b_{card}/config"]["components"][key]
+        assert (part["name"], part["unique_id"]) == (name, identity)
+        assert part.get("state_class") == ("measurement" if card == "F" else None)
+
+
+def test_the_topics_of_each_entity_do_what_home_assistant_would_do_with_them(broker, watcher):
+    devices = broker.documents().values()
+    parts = [part for entry in devices for part in entry["components"].values()]
+    for part in parts:
+        if part["platform"] in ("switch", "number"):
+            values = ("0", "255") if part["platform"] == "number" else ("OFF", "ON")
+            broker.publish_lines(part["command_topic"], values)
+            watcher.expect(f"{part['state_topic']} {values[1]}")
+    states = {part.get("state_topic") for part in parts}
     assert {f"{TOPIC}card/{part}" for part in ("3/0/6", "8/0", "F/3")} <= states
-    home = broker.subscribe("homeassistant/#")
-    broker.publish("homeassistant/status", "online")
-    home.expect("homeassistant/status online")
-    for name in sorted(documents):
-        home.expect(re.compile(re.escape(name) + " {.*}"))
+    text = next(part for part in parts if part["platform"] == "text")
+    rendered = text["command_template"].replace("{{ value | tojson }}", '"Hello"')
+    assert json.loads(rendered) == {"clear": True, "text": "Hello"}
 
 
-def test_a_card_that_is_gone_leaves_no_topic_and_no_document(board, broker, watcher, bus):
+def test_a_card_that_is_gone_leaves_no_topic_and_no_device(board, broker, watcher, bus):
     broker.publish_lines(TOPIC + "card/5/1/7/set", ("ON", "OFF"))
     watcher.expect(TOPIC + "card/5/1/7 OFF")
     bus.order("card 5 none", "card 3 keypad")
@@ -159,8 +185,9 @@ def test_a_card_that_is_gone_leaves_no_topic_and_no_document(board, broker, watc
     watcher.expect(TOPIC + "card/5/1/7 (null)")
     watcher.expect(TOPIC + "card/5/kind (null)")
     assert broker.retained(TOPIC + "card/5/#") == {}
-    left = [name for name in broker.documents() if "card5" in name or "card3_0_" in name]
-    assert left == []
+    devices = broker.documents()
+    assert "homeassistant/device/talp_b_5/config" not in devices
+    assert list(devices["homeassistant/device/talp_b_3/config"]["components"]) == ["0"]
 
 
 def test_wrong_options_are_named(board):
@@ -169,6 +196,9 @@ def test_wrong_options_are_named(board):
     for options, reason in (
         (("--no-such",), ".*"),
         (("--node", "a+b"), ".*"),
+        (("--node", "b/card"), ".*"),
+        (("--node", ""), ".*"),
+        (("--mqtt", "4"), ".*"),
         (("--password-file", "/etc/passwd"), ".*"),
         (("--config", bad), ".*"),
     ):

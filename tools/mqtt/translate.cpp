@@ -1,6 +1,10 @@
-#include <stdexcept>
+#include "mqtt/translate.h"
 
-#include "mqtt/node.h"
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <utility>
+
+#include "mqtt/names.h"
 #include "net/io_command.h"
 
 namespace mqtt {
@@ -8,23 +12,29 @@ namespace mqtt {
 namespace {
 
 using nlohmann::json;
-using PLACE = std::smatch;  // the whole path, then the digits of address, block and bit
+
+constexpr std::size_t kReadSize = 255;  // what talp takes for one message
 
 std::string HexByte(unsigned value) {
   return {kHexDigits[value / 16 % 16], kHexDigits[value % 16]};
 }
 
+std::string CardText(const PLACE& place) {
+  return std::string("a") + kHexDigits[static_cast<std::size_t>(place.address)];
+}
+
 LINES RawLine(const PLACE&, const std::string& payload, const CARD&) { return {payload}; }
 
 LINES BlockLine(const PLACE& place, unsigned value, const CARD& card) {
-  const bool fits = card.kind == nullptr || std::stoi(place.str(2)) < card.kind->outputBlocks;
+  const bool fits = card.kind == nullptr || place.block < card.kind->outputBlocks;
   Require(fits, "no such output block there");
-  return {"a" + place.str(1) + "b" + place.str(2) + "d" + HexByte(value)};
+  return {InputLine(place.address, place.block, static_cast<unsigned char>(value))};
 }
 
 LINES SetBlock(const PLACE& place, const std::string& payload, const CARD& card) {
-  static const std::regex byte("[01]?[0-9]?[0-9]|2[0-4][0-9]|25[0-5]");
-  Require(std::regex_match(payload.substr(0, 4), byte), "not a number from 0 to 255");
+  const bool isNumber = !payload.empty() && payload.size() <= 3 &&
+                        payload.find_first_not_of("0123456789") == std::string::npos;
+  Require(isNumber && ATOL(payload) <= 255, "not a number from 0 to 255");
   return BlockLine(place, static_cast<unsigned>(ATOL(payload)), card);
 }
 
@@ -32,8 +42,8 @@ LINES SetBlock(const PLACE& place, const std::string& payload, const CARD& card)
 LINES SetBit(const PLACE& place, const std::string& payload, const CARD& card) {
   Require(card.kind == nullptr || card.Is(kKindDigitalOutput), "no digital output there");
   Require(payload == "ON" || payload == "OFF", "neither ON nor OFF");
-  const unsigned last = card.blocks.at(std::stoul(place.str(2))).value_or(0xFF);
-  const unsigned mask = 1U << std::stoul(place.str(3));
+  const unsigned last = card.blocks.at(static_cast<std::size_t>(place.block)).value_or(0xFF);
+  const unsigned mask = 1U << place.bit;
   return BlockLine(place, payload == "ON" ? last & ~mask : last | mask, card);
 }
 
@@ -48,10 +58,9 @@ std::string LcdPosition(const json& object, const char* key) {
 }
 
 LINES SetLcd(const PLACE& place, const std::string& payload, const CARD&) {
-  Require(payload.size() <= 1024, "too long");
   const json object = json::parse(payload);
   Require(object.is_object(), "not a JSON object");
-  const std::string start = "a" + place.str(1) + "l";
+  const std::string start = CardText(place) + "l";
   std::size_t known = object.count("text") + object.count("column") + object.count("line");
   LINES lines;
   for (const auto& [key, on, off] : kLcdSwitches) {
@@ -68,16 +77,15 @@ LINES SetLcd(const PLACE& place, const std::string& payload, const CARD&) {
 
 // talp takes lower-case digits for 0.
 LINES SendIr(const PLACE& place, const std::string& payload, const CARD&) {
-  static const std::regex bytes("([0-9A-Fa-f]{2})+");
-  Require(payload.size() <= 255 && std::regex_match(payload, bytes),
-          "not bytes of two hexadecimal digits each");
   std::string digits = payload;
-  for (char& c : digits) c = c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c;
-  return {"a" + place.str(1) + "sHS" + digits};
+  for (char& c : digits) c = c >= 'a' && c <= 'f' ? static_cast<char>(c - 'a' + 'A') : c;
+  const bool areBytes = !digits.empty() && digits.size() % 2 == 0 &&
+                        digits.find_first_not_of(kHexDigits) == std::string::npos;
+  Require(areBytes, "not bytes of two hexadecimal digits each");
+  return {CardText(place) + "sHS" + digits};
 }
 
 void CheckLine(const std::string& line, const CARDS& cards, const std::string& separator) {
-  Require(line.size() + separator.size() <= 255, "longer than what talp reads at once");
   Require(line.find_first_of(std::string("\r\n\0", 3)) == std::string::npos &&
               (line + separator).find(separator) == line.size(),
           "it holds a line end");
@@ -94,27 +102,49 @@ void CheckLine(const std::string& line, const CARDS& cards, const std::string& s
   Require(request.legal && !request.payload.empty(), "talp has nothing to send to a card for it");
 }
 
+// How many of address, block and bit the topic names, what follows them, and what it means.
+struct ROUTE {
+  int depth;
+  const char* tail;
+  LINES (*translate)(const PLACE&, const std::string&, const CARD&);
+};
+
+constexpr ROUTE kRoutes[] = {{0, "io/set", RawLine},
+                             {1, "lcd/set", SetLcd},
+                             {1, "ir/set", SendIr},
+                             {2, "set", SetBlock},
+                             {3, "set", SetBit}};
+
 }  // namespace
 
 LINES Translate(const std::string& path, const std::string& payload, const CARDS& cards,
                 const std::string& separator) {
-  static const std::pair<std::regex, decltype(&RawLine)> kRoutes[] = {
-      {std::regex("io/set"), RawLine},
-      {std::regex("card/([0-9A-F])/lcd/set"), SetLcd},
-      {std::regex("card/([0-9A-F])/ir/set"), SendIr},
-      {std::regex("card/([0-9A-F])/([0-7])/set"), SetBlock},
-      {std::regex("card/([0-9A-F])/([0-7])/([0-7])/set"), SetBit}};
-  const std::string known = path.substr(0, 20);  // none of the patterns takes as much
-  for (const auto& [pattern, translate] : kRoutes) {
-    PLACE place;
-    if (!std::regex_match(known, place, pattern)) continue;
-    const std::size_t address = place.size() < 2 ? 0 : HexCharToByte(place.str(1)[0]);
-    LINES lines = translate(place, payload, cards[address]);
+  Require(payload.size() <= kMostText, "too long");
+  const PLACE place = PlaceOf(path);
+  const int depth = (place.address >= 0) + (place.block >= 0) + (place.bit >= 0);
+  for (const ROUTE& route : kRoutes) {
+    if (route.depth != depth || route.tail != place.tail) continue;
+    const CARD none;
+    const CARD& card = place.address < 0 ? none : cards.at(static_cast<std::size_t>(place.address));
+    LINES lines = route.translate(place, payload, card);
     Require(!lines.empty(), "it asks for nothing");
-    for (const std::string& line : lines) CheckLine(line, cards, separator);
+    std::size_t size = 0;
+    for (const std::string& line : lines) {
+      size += line.size() + separator.size();
+      Require(size <= kReadSize, "longer than what talp reads at once");
+      CheckLine(line, cards, separator);
+    }
     return lines;
   }
   throw std::invalid_argument("unknown topic");
+}
+
+const CARD_KIND* KindNamed(const std::string& name) {
+  for (int code = 0; code <= 0xFF; ++code) {
+    const CARD_KIND& kind = CardKindOf(static_cast<unsigned char>(code));
+    if (name == kind.name) return &kind;
+  }
+  return nullptr;
 }
 
 void Require(bool holds, const std::string& reason) {

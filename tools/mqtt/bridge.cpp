@@ -1,0 +1,125 @@
+#include "mqtt/bridge.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace mqtt {
+
+namespace {
+
+constexpr std::size_t kBehind = 1000;  // messages that the broker has not acknowledged
+constexpr seconds kVisitTime(5);       // the console's place belongs to people
+constexpr seconds kLongestTurn(2);
+constexpr int kTick = 250;  // milliseconds: how often the log is read
+constexpr int kBusyTick = 20;
+
+}  // namespace
+
+BRIDGE::BRIDGE(const BRIDGE_OPTIONS& options, NAMES nodeNames)
+    : NODE(std::move(nodeNames), options.config.io.inpSeparator, options.config.cae.port != 0,
+           options.restores),
+      broker_(options.broker,
+              {names.clientId, names.root + "status", RetainedFilters(), CommandFilters()}, this),
+      log_(options.log, options.noLogReason),
+      io_("IO port", options.talp, options.config.io, seconds(10)),
+      console_("console", options.talp, options.config.cae, seconds(60)) {}
+
+void BRIDGE::Run(int signals) {
+  lastTurn_ = CLOCK::now();
+  do {
+    Turn();
+  } while (!Wait(signals));
+  NODE::OnIo(false);
+  broker_.Finish();
+}
+
+// The log is read first: a command must not be sent to a bus of which it says that it is gone.
+void BRIDGE::Turn() {
+  const CLOCK::time_point now = CLOCK::now();
+  NODE::OnTime(now);
+  log_.Run();
+  NODE::OnBus(log_.State());
+  // Nobody can tell how old the messages are that have come meanwhile.
+  if (now - std::exchange(lastTurn_, now) > kLongestTurn) broker_.Drop("this program was stopped");
+  broker_.Run();
+  RunIo();
+  RunConsole();
+}
+
+// While the broker lags behind, talp keeps its lines. Commands are sent all the same.
+bool BRIDGE::IsBehind() const { return broker_.Unacknowledged() > kBehind; }
+
+void BRIDGE::RunIo() {
+  if (io_.Works() && IsBehind()) return;
+  for (const std::string& line : io_.Run(true)) {
+    NODE::OnLine(line);
+    if (io_.Works() || line != "TALP IO interface is ready") continue;
+    io_.Succeeded("connected");
+    NODE::OnIo(true);
+  }
+  if (!io_.Works()) NODE::OnIo(false);
+}
+
+void BRIDGE::RunConsole() {
+  const bool isBroken = visit_.State() == CONSOLE_VISIT::STATE::kBroken;
+  for (const std::string& line : console_.Run(WantsConsole())) TakeConsoleLine(line);
+  if (!console_.Works()) return;
+  if (!isBroken && console_.Age() < kVisitTime) return;
+  AskConsole();
+  console_.Close("no list of cards");
+}
+
+void BRIDGE::TakeConsoleLine(const std::string& line) {
+  std::string next;
+  if (!console_.Works()) {
+    if (line != "TALP CAE interface is ready") return;
+    console_.Succeeded("connected");
+    OnConsole();
+    visit_ = {};
+    next = CONSOLE_VISIT::FirstCommand();
+  } else {
+    const CONSOLE_VISIT::STATE before = visit_.State();
+    next = visit_.Take(line);
+    if (before == visit_.State()) {
+    } else if (visit_.State() == CONSOLE_VISIT::STATE::kPolls && !OnKinds(visit_.Kinds())) {
+      AskConsole();
+      return console_.Close("talp has not found any card");
+    } else if (visit_.State() == CONSOLE_VISIT::STATE::kInputs) {
+      OnInputsAsked(visit_.Polled());
+    }
+    if (visit_.State() == CONSOLE_VISIT::STATE::kDone) return console_.Leave();
+  }
+  if (!next.empty()) console_.Send({next});
+}
+
+// Until something happens, or it is time. True when a signal has come.
+bool BRIDGE::Wait(int signals) {
+  const pollfd io = io_.Works() && IsBehind() ? pollfd{-1, 0, 0} : io_.Poll();
+  pollfd polled[] = {{signals, POLLIN, 0}, broker_.Poll(), io, console_.Poll()};
+  int pause = std::min(kTick, broker_.Pause());
+  if (io_.IsBusy() || console_.IsBusy()) pause = std::min(pause, kBusyTick);
+  if (IsWaiting()) pause = std::min(pause, io_.Pause());
+  poll(polled, std::size(polled), pause);
+  return polled[0].revents != 0;
+}
+
+void BRIDGE::Publish(const std::string& topic, const std::string& payload, bool retain) {
+  broker_.Publish(topic, payload, retain);
+}
+
+bool BRIDGE::Send(const LINES& lines) { return io_.Send(lines); }
+
+void BRIDGE::OnRetained(const std::string& topic, const std::string& payload) {
+  NODE::OnRetained(topic, payload);
+}
+
+void BRIDGE::OnBroker(bool ready) { NODE::OnBroker(ready); }
+
+void BRIDGE::OnMessage(const std::string& topic, const std::string& payload, bool retained) {
+  NODE::OnMessage(topic, payload, retained);
+}
+
+}  // namespace mqtt
