@@ -114,9 +114,9 @@ class Broker:
     def documents(self):
         return {name: json.loads(text) for name, text in self.retained("homeassistant/#").items()}
 
-    def start_bridge(self, board, *options, node):
+    def start_bridge(self, board, *options, node, host=HOST, port=None):
         """From a board. Its log is what it prints."""
         program = str(board.build / "tools/mqtt/talp-mqtt")
-        of_broker = ("--broker", HOST, "--port", str(self.port))
+        of_broker = ("--broker", host, "--port", str(port or self.port))
         command = board.on_board(program, *of_broker, "--node", node, *options)
         return board.own(Program("bridge", command, stderr=subprocess.STDOUT))

@@ -10,8 +10,10 @@ namespace mqtt {
 
 namespace {
 
-constexpr std::size_t kBehind = 1000;  // messages that the broker has not acknowledged
-constexpr seconds kVisitTime(5);       // the console's place belongs to people
+// Messages that the broker has not acknowledged.
+constexpr std::size_t kBehind = 1000;
+constexpr std::size_t kMostRefusals = 500;
+constexpr seconds kVisitTime(5);  // the console's place belongs to people
 constexpr seconds kLongestTurn(2);
 constexpr int kTick = 250;  // milliseconds: how often the log is read
 constexpr int kBusyTick = 20;
@@ -64,12 +66,16 @@ void BRIDGE::RunIo() {
 }
 
 void BRIDGE::RunConsole() {
-  const bool isBroken = visit_.State() == CONSOLE_VISIT::STATE::kBroken;
+  const bool wasVisiting = console_.Works();
   for (const std::string& line : console_.Run(WantsConsole())) TakeConsoleLine(line);
-  if (!console_.Works()) return;
-  if (!isBroken && console_.Age() < kVisitTime) return;
-  AskConsole();
-  console_.Close("no list of cards");
+  if (wasVisiting && !console_.Works() && visit_.State() != CONSOLE_VISIT::STATE::kDone) {
+    AskConsole();
+  }
+  const bool isBroken = visit_.State() == CONSOLE_VISIT::STATE::kBroken;
+  if (console_.Works() && (isBroken || console_.Age() > kVisitTime)) {
+    AskConsole();
+    console_.Close("no list of cards");
+  }
 }
 
 void BRIDGE::TakeConsoleLine(const std::string& line) {
@@ -85,7 +91,6 @@ void BRIDGE::TakeConsoleLine(const std::string& line) {
     next = visit_.Take(line);
     if (before == visit_.State()) {
     } else if (visit_.State() == CONSOLE_VISIT::STATE::kPolls && !OnKinds(visit_.Kinds())) {
-      AskConsole();
       return console_.Close("talp has not found any card");
     } else if (visit_.State() == CONSOLE_VISIT::STATE::kInputs) {
       OnInputsAsked(visit_.Polled());
@@ -107,6 +112,9 @@ bool BRIDGE::Wait(int signals) {
 }
 
 void BRIDGE::Publish(const std::string& topic, const std::string& payload, bool retain) {
+  // Whoever sends more commands than can be refused must not keep the rest from the broker.
+  const bool isRefusal = !retain && topic == names.root + "error";
+  if (isRefusal && broker_.Unacknowledged() > kMostRefusals) return;
   broker_.Publish(topic, payload, retain);
 }
 

@@ -226,6 +226,7 @@ void BROKER::OnConnected(int reason) {
   if (reason == MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION && options_.protocol == PROTOCOL::kAny) {
     refuses5_ = protocol_ == PROTOCOL::k5;
   }
+  if (!addresses_.empty()) addresses_ = PeerOf(mosquitto_socket(client_.get()));
   if (reason != 0) return Trouble(TextOf(reason));
   Succeeded("connected" + std::string(protocol_ == PROTOCOL::k5 ? "" : " by MQTT 3.1.1") + Place());
   phase_ = PHASE::kReading;

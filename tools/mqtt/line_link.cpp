@@ -123,13 +123,6 @@ void LINE_LINK::Open(const ADDRESS& address) {
   if (!socket_.IsOpen()) Lose(std::generic_category().message(errno));
 }
 
-bool LINE_LINK::IsConnected() const {
-  sockaddr_storage peer{};
-  socklen_t size = sizeof peer;
-  void* const bytes = &peer;
-  return getpeername(socket_.Number(), static_cast<sockaddr*>(bytes), &size) == 0;
-}
-
 void LINE_LINK::Lose(const std::string& trouble) {
   if (Works() || addresses_.empty() || IsConnected()) return Close(trouble);
   Report(trouble + Place());

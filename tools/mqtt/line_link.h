@@ -48,7 +48,7 @@ class LINE_LINK : public ATTEMPTS {
  private:
   void Connect(bool wanted);
   void Open(const ADDRESS& address);
-  bool IsConnected() const;
+  bool IsConnected() const { return !PeerOf(socket_.Number()).empty(); }
   // The connection has ended, or the address does not answer.
   void Lose(const std::string& trouble);
   LINES Cut();

@@ -30,6 +30,9 @@ struct LOOKUP_RESULT {
 // Any thread.
 LOOKUP_RESULT Lookup(const std::string& host, int port, bool isNumeric);
 
+// The address at the other end of a connected socket, as people write it.
+std::string PeerOf(int socket);
+
 // Has work that blocks done by a thread of its own. Nobody waits for it: it must own all that it
 // uses, and a process that ends meanwhile must leave by std::_Exit(). One thread but for the work.
 template <typename RESULT>

@@ -1,0 +1,223 @@
+"""Whatever others publish or answer, the bridge stays small, goes on, and ends when it is told to."""
+
+import contextlib
+import re
+import socket
+import threading
+
+import pytest
+
+from kit.cards import wait_for_cards
+from kit.expecting import read_file, wait_for
+from kit.relay import FakeTalp, Relay
+
+CONFIG = {"poll": True}
+TOPIC = "talp/b/"  # of the bridge's node
+KINDS = ["EMPTY"] * 15 + ["16 channel DIGITAL INPUT"]
+LISTED = [f"DTI:0x{address:X}:{kind}" for address, kind in enumerate(KINDS)]
+MIB = 1 << 20
+
+
+@pytest.fixture(scope="module")
+def started(board, daemon):
+    wait_for_cards(board)
+
+
+@pytest.fixture
+def bridge(board, broker, started):
+    bridge = broker.start_bridge(board, "--home-assistant", "", node="b")
+    broker.subscribe(TOPIC + "status").expect(TOPIC + "status online")
+    yield bridge
+    check_memory(bridge)
+    bridge.close()
+
+
+def check_memory(bridge):
+    """The most that it has taken, but for a sanitized one, which takes far more by itself."""
+    if bridge.process.returncode is not None:
+        return
+    fields = dict(re.findall(r"(\w+):\s+(\d+) kB", read_file(f"/proc/{bridge.process.pid}/status")))
+    if int(fields["VmSize"]) < MIB:
+        assert int(fields["VmHWM"]) * 1024 < 32 * MIB
+
+
+@pytest.fixture
+def talp():
+    """IO port and console, played by the case."""
+    io = FakeTalp(6002, "TALP IO interface is ready")
+    console = FakeTalp(6001, "TALP CAE interface is ready")
+    with contextlib.closing(io), contextlib.closing(console):
+        yield io, console
+
+
+@pytest.fixture
+def fake_bridge(board, broker, talp):
+    """Of the node "fake". The IO port has greeted it."""
+    options = ("--io-port", "6002", "--cae-port", "6001", "--home-assistant", "")
+    bridge = broker.start_bridge(board, *options, node="fake")
+    io, _ = talp
+    io.accept()
+    io.greet()
+    yield bridge
+    check_memory(bridge)
+    bridge.close()
+
+
+def test_retained_messages_of_any_size_and_number_do_not_fill_the_memory(broker, board, started):
+    broker.publish(TOPIC + "card/5/1/set", 30 * MIB * "x", retain=True)
+    broker.publish(TOPIC + "card/5/big", 30 * MIB * "x", retain=True)
+    for number in range(600):
+        broker.publish(f"{TOPIC}card/{number}{65000 * 'x'}/kind", "1", retain=True)
+    watcher = broker.subscribe(TOPIC + "card/3/kind")
+    bridge = broker.start_bridge(board, "--home-assistant", "", node="b")
+    watcher.expect(TOPIC + "card/3/kind 16 channel DIGITAL INPUT")
+    check_memory(bridge)
+    bridge.close()
+    for topic in "set", "big":
+        broker.publish(f"{TOPIC}card/5/{'1/' if topic == 'set' else ''}{topic}", "", retain=True)
+    assert all(len(name) < 100 for name in broker.retained(TOPIC + "card/#"))
+
+
+@pytest.mark.parametrize("topic", ("card/5/1/set", "card/5/1/2/set"))
+def test_a_client_that_floods_does_not_keep_inputs_from_their_topics(broker, bridge, bus, topic):
+    watcher = broker.subscribe(TOPIC + "card/3/0")
+    name = (TOPIC + topic).encode()
+    packet = bytes((0x30, len(name) + 3, 0, len(name))) + name + b"9"
+    flooding = True
+
+    def flood(publisher):
+        with contextlib.suppress(OSError):
+            while flooding:
+                publisher.sendall(1000 * packet)
+
+    with socket.create_connection(("127.0.0.1", broker.port)) as publisher:
+        publisher.sendall(b"\x10\x0d\x00\x04MQTT\x04\x02\x00\x3c\x00\x01f")
+        thread = threading.Thread(target=flood, args=[publisher])
+        thread.start()
+        for value in "01", "02", "03":
+            bus.order(f"set 3 0 {value}")
+            watcher.expect(f"{TOPIC}card/3/0 {int(value)}")
+        check_memory(bridge)
+        if topic == "card/5/1/set":
+            bridge.close()  # in the flood
+        flooding = False
+        thread.join()
+
+
+def test_commands_go_out_while_the_broker_acknowledges_nothing(board, broker, started, bus):
+    silent = lambda from_client, packet: b"" if packet[0] == 0x40 and not from_client else packet
+    relay = Relay(1885, broker.port, silent)
+    bridge = broker.start_bridge(board, "--home-assistant", "", node="late", port=1885)
+    broker.subscribe("talp/late/status").expect("talp/late/status online")
+    for _ in range(4):  # each command tells nine states
+        broker.publish_lines("talp/late/card/5/0/set", 20 * ("0", "255"))
+        bus.expect(re.compile("out 5 dout b0=00 .*"))
+    for value in 1, 2, 3:
+        broker.publish("talp/late/card/4/0/set", str(value))
+        bus.expect(f"out 4 motor 0{value} 00 00 00")
+    check_memory(bridge)
+    bridge.close()
+    relay.close()
+
+
+def test_a_command_never_goes_to_another_connection_than_it_came_for(broker, talp, fake_bridge):
+    io, _ = talp
+    watcher = broker.subscribe("talp/fake/#")
+    watcher.expect("talp/fake/status online")
+    broker.publish_lines("talp/fake/io/set", [f"a4b0d{n:02X}" for n in range(200)])
+    heard = io.hear()
+    io.hang_up()
+    watcher.expect(re.compile("talp/fake/error .*: the IO port is not connected"))
+    watcher.expect("talp/fake/status offline")
+    io.accept()
+    broker.publish("talp/fake/io/set", "a4b0d01")
+    watcher.expect("talp/fake/error talp/fake/io/set 'a4b0d01': the IO port is not connected")
+    io.greet()
+    watcher.expect("talp/fake/status online")
+    broker.publish("talp/fake/io/set", "a4b0dFF")
+    assert heard.startswith("a4b0d00\r\n")
+    assert io.hear() == "a4b0dFF\r\n"
+
+
+def test_a_list_of_cards_that_is_not_whole_is_asked_for_again(broker, talp, fake_bridge):
+    _, console = talp
+    watcher = broker.subscribe("talp/fake/card/#")
+    for answer in (
+        LISTED[:3],  # and the end of the connection
+        [*LISTED, "DTI:0xF:EMPTY"],
+        LISTED[:9] + LISTED[10:] + LISTED[:1],
+        5000 * LISTED,
+    ):
+        console.accept()
+        console.greet()
+        assert console.hear() == "DISCOVER\r\n"
+        with contextlib.suppress(ConnectionError):
+            console.say("DISCOVER LIST:", *answer, ">")
+    console.accept()
+    console.greet()
+    assert console.hear() == "DISCOVER\r\n"
+    console.say("DISCOVER LIST:", *LISTED[:-1])  # and nothing more
+    assert console.hear() == ""
+    ask_for_inputs(console)
+    watcher.expect("talp/fake/card/F/kind 16 channel DIGITAL INPUT")
+    assert broker.retained("talp/fake/card/#") == {"talp/fake/card/F/kind": KINDS[15]}
+
+
+def ask_for_inputs(console, kinds=tuple(LISTED), polled="ENABLED"):
+    """A whole visit."""
+    console.accept()
+    console.greet()
+    assert console.hear() == "DISCOVER\r\n"
+    console.say("COE:Illegal command -> x", ">", "DISCOVER LIST:", *kinds, ">")
+    assert console.hear() == "POLLSTATE\r\n"
+    console.say(f"CIA: GLOBAL POLLING IS {polled}", "PTI:0xF:ON", ">")
+    for block in "01":
+        assert console.hear() == f"GETLASTINPST:F={block}\r\n"
+        console.say("CIA: LAST INPUT STATE SENT ON IO INTERFACE", ">")
+    assert console.hear() == ""  # the place belongs to people
+
+
+def test_the_cards_are_asked_for_again_when_an_empty_address_speaks(broker, talp, fake_bridge):
+    io, console = talp
+    ask_for_inputs(console)
+    io.say("a3b0d01")
+    ask_for_inputs(console)
+
+
+def test_inputs_that_may_never_have_been_read_are_not_told(broker, talp, fake_bridge):
+    io, console = talp
+    watcher = broker.subscribe("talp/fake/card/#")
+    ask_for_inputs(console, polled="DISABLED")
+    io.say("aFb0d00", "aFb1d07")
+    watcher.expect("talp/fake/card/F/1 7")
+    assert "talp/fake/card/F/0" not in broker.retained("talp/fake/card/#")
+
+
+def test_cards_that_talp_has_not_found_yet_are_no_reason_to_forget_them(broker, talp, fake_bridge):
+    io, console = talp
+    watcher = broker.subscribe("talp/fake/#")
+    ask_for_inputs(console)
+    watcher.expect("talp/fake/status online")
+    broker.publish("talp/fake/discover/set", "")
+    console.accept()
+    console.greet()
+    assert console.hear() == "DISCOVER\r\n"
+    empty = [f"DTI:0x{address:X}:EMPTY" for address in range(16)]
+    console.say("DISCOVER LIST:", *empty, ">")
+    watcher.expect("talp/fake/status offline")
+    broker.publish("talp/fake/io/set", "a4b0d01")
+    watcher.expect(re.compile(".*: talp has not found any card"))
+    ask_for_inputs(console)
+    watcher.expect("talp/fake/status online")
+    assert broker.retained("talp/fake/card/F/kind") == {"talp/fake/card/F/kind": KINDS[15]}
+
+
+def test_a_console_that_never_ends_a_line_does_not_fill_the_memory(talp, fake_bridge):
+    _, console = talp
+    console.accept()
+    console.greet()
+    with pytest.raises(OSError):
+        while True:
+            console.client.sendall(65536 * b"x")
+    check_memory(fake_bridge)
+    wait_for("the bridge", lambda: fake_bridge.process.poll() is None)

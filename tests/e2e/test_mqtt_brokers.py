@@ -1,0 +1,246 @@
+"""Brokers of other kinds, at several addresses, and with many boards."""
+
+import json
+import re
+import signal
+import socket
+import subprocess
+import time
+
+import pytest
+
+from kit.cards import wait_for_cards
+from kit.expecting import read_file
+from kit.relay import Relay
+
+CONFIG = {"poll": True}
+TOPIC = "talp/b/"  # of the bridge's node
+NO_HOME = ("--home-assistant", "")
+NO_TALP = ("--io-port=1", "--cae-port=0", *NO_HOME)  # of a bridge that is not to do much
+PORT = 8883
+RELAY = 1885
+FIVE = 5  # protocol level in CONNECT
+
+
+@pytest.fixture
+def relay(broker):
+    relays = []
+
+    def relay(edit):
+        relays.append(Relay(RELAY, broker.port, edit))
+
+    yield relay
+    for each in relays:
+        each.close()
+
+
+@pytest.fixture(scope="module")
+def started(board, daemon):
+    wait_for_cards(board)
+
+
+def refuse_5(answer):
+    def edit(from_client, packet):
+        if from_client and packet[0] == 0x10 and packet[packet.index(b"MQTT") + 4] == FIVE:
+            raise EOFError(answer)
+        return packet
+
+    return edit
+
+
+@pytest.mark.parametrize("answer", (b"\x20\x02\x00\x01", b""), ids=("with a reason", "without a word"))
+def test_a_broker_that_refuses_mqtt_5_is_spoken_to_by_3_1_1(
+    board, broker, started, relay, bus, answer
+):
+    relay(refuse_5(answer))
+    watcher = broker.subscribe(TOPIC + "#")
+    bridge = broker.start_bridge(board, *NO_HOME, node="b", port=RELAY)
+    bridge.expect(f"broker 127.0.0.1:{RELAY}: connected by MQTT 3.1.1")
+    watcher.expect(TOPIC + "status online")
+    broker.publish(TOPIC + "card/5/1/2/set", "ON")
+    bus.expect("out 5 dout b0=FF b1=FB")
+    watcher.expect(TOPIC + "card/5/1 251")
+    # Its own messages are no commands, and nothing is refused.
+    broker.publish(TOPIC + "card/5/1/2/set", "OFF")
+    watcher.expect(TOPIC + "card/5/1 255")
+    assert not [line for line in watcher.skipped if "error" in line]
+    bridge.close()
+
+
+def test_a_retained_command_is_refused_at_the_connect_by_3_1_1(board, broker, started, bus):
+    broker.publish(TOPIC + "card/4/0/set", "9", retain=True)
+    watcher = broker.subscribe(TOPIC + "#")
+    bridge = broker.start_bridge(board, "--mqtt=3.1.1", *NO_HOME, node="b")
+    watcher.expect(re.compile(".*error .*'9': it is retained, and would run again.*"))
+    watcher.expect(TOPIC + "status online")
+    broker.publish(TOPIC + "card/4/1/set", "7")
+    bus.expect("out 4 motor 00 07 00 00")
+    bridge.close()
+
+
+def test_mqtt_5_alone_may_be_asked_for(board, broker, relay):
+    relay(refuse_5(b"\x20\x02\x00\x01"))
+    bridge = broker.start_bridge(board, *NO_TALP, "--mqtt=5", node="five", port=RELAY)
+    bridge.expect(f"broker 127.0.0.1:{RELAY}: Unsupported Protocol Version")
+    time.sleep(2)  # long enough for two more attempts
+    bridge.pull()
+    assert not [line for line in bridge.lines if "connected" in line]
+    bridge.close()
+
+
+def test_nodes_that_differ_in_a_sign_only_do_not_disturb_each_other(board, broker):
+    names = "b-1", "b_1", "b.1"
+    bridges = [broker.start_bridge(board, *NO_TALP, node=name) for name in names]
+    for name, bridge in zip(names, bridges):
+        bridge.expect("broker 127.0.0.1:1883: connected")
+        broker.subscribe(f"talp/{name}/status").expect(f"talp/{name}/status offline")
+    for bridge in bridges:
+        bridge.pull()
+        assert not [line for line in bridge.lines if line.startswith("broker")]
+        bridge.close()
+
+
+def test_old_messages_to_home_assistant_are_migrated_and_removed(board, broker, started):
+    old = "homeassistant/switch/talp_b/card5_1_2/config", "homeassistant/sensor/talp_b/card1_0/config"
+    others = "homeassistant/switch/other/card5_1_2/config", "homeassistant/switch/talp_b/x/config"
+    for topic in old + others:
+        broker.publish(topic, '{"name": "of an earlier release"}', retain=True)
+    watcher = broker.subscribe("homeassistant/#")
+    bridge = broker.start_bridge(board, node="b")
+    for topic in sorted(old):
+        watcher.expect(topic + ' {"migrate_discovery": true}')
+    device = watcher.expect(re.compile("homeassistant/device/talp_b_5/config {.*}"))
+    entity = json.loads(device.split(" ", 1)[1])["components"]["1_2"]
+    assert entity["unique_id"] == "talp_b_card5_1_2"
+    for topic in sorted(old):
+        watcher.expect(topic + " (null)")
+    held = broker.retained("homeassistant/#")
+    assert not set(old) & set(held)
+    assert set(others) < set(held)
+    bridge.close()
+
+
+def test_an_output_that_nobody_knows_any_more_is_unknown_to_home_assistant(board, broker, started):
+    bridge = broker.start_bridge(board, node="b")
+    watcher = broker.subscribe(TOPIC + "#")
+    watcher.expect(TOPIC + "status online")
+    broker.publish(TOPIC + "card/4/0/set", "9")
+    watcher.expect(TOPIC + "card/4/0 9")
+    board.kill(board.daemons[0])
+    board.start(poll=True)
+    watcher.expect(TOPIC + "card/4/0 None")
+    watcher.expect_next(TOPIC + "card/4/0 (null)")
+    bridge.close()
+
+
+@pytest.mark.parametrize("number", (signal.SIGTERM, signal.SIGINT, signal.SIGHUP))
+def test_a_signal_ends_it_well(board, broker, number):
+    bridge = broker.start_bridge(board, *NO_TALP, node="b")
+    bridge.expect("broker 127.0.0.1:1883: connected")
+    bridge.process.send_signal(number)
+    bridge.expect_exit()
+
+
+def test_a_signal_ends_it_well_from_its_first_moment_on(board, broker):
+    for _ in range(10):
+        bridge = broker.start_bridge(board, *NO_TALP, node="b")
+        blocked = lambda: int(re.search(r"SigBlk:\s(\w+)", read_file(status))[1], 16)
+        status = f"/proc/{bridge.process.pid}/status"
+        while not blocked() & 1 << signal.SIGTERM - 1:
+            pass
+        bridge.close()
+
+
+# Names are looked up in the sandbox's own file of hosts.
+@pytest.fixture
+def hosts(board):
+    """Has a name mean these addresses, for programs started afterwards."""
+    file = board.work / "hosts"
+
+    def hosts(name, *addresses):
+        file.write_text("".join(f"{address} {name}\n" for address in addresses))
+        subprocess.run(("mount", "--no-mtab", "--bind", file, "/etc/hosts"), check=True)
+
+    yield hosts
+    subprocess.run(("umount", "/etc/hosts"), check=False)
+
+
+def certificate(board, name):
+    path = board.work / name
+    path.mkdir()
+    subject = ("-subj", f"/CN={name}", "-addext", f"subjectAltName=DNS:{name}")
+    files = ("-keyout", f"{path}/key", "-out", f"{path}/cert")
+    command = ("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2")
+    subprocess.run((*command, *subject, *files), check=True, timeout=20, capture_output=True)
+    return path
+
+
+@pytest.mark.parametrize("addresses", (("::1", "127.0.0.1"), ("127.0.0.2", "127.0.0.1")))
+def test_all_addresses_of_the_broker_are_tried(board, broker, hosts, addresses):
+    hosts("house.test", *addresses)
+    bridge = broker.start_bridge(board, *NO_TALP, node="b", host="house.test")
+    bridge.expect("broker house.test:1883: connected (127.0.0.1)")
+    bridge.close()
+    broker.stop()
+    bridge = broker.start_bridge(board, *NO_TALP, node="b", host="house.test")
+    tried = bridge.expect(re.compile("broker house.test:1883: Connection refused .*"))
+    assert all(address in tried for address in addresses)
+    broker.start()
+    bridge.close()
+
+
+def test_an_address_that_never_answers_is_given_up_for_the_next_one(board, broker, hosts):
+    hosts("house.test", "::1", "127.0.0.1")
+    with socket.create_server(("::1", 1883), family=socket.AF_INET6, backlog=0) as full:
+        waiting = [socket.socket(socket.AF_INET6) for _ in range(3)]
+        for each in waiting:
+            each.setblocking(False)
+            each.connect_ex(full.getsockname())
+        bridge = broker.start_bridge(board, *NO_TALP, node="b", host="house.test")
+        bridge.expect("broker house.test:1883: connected (127.0.0.1)")
+        bridge.close()
+        for each in waiting:
+            each.close()
+
+
+def test_all_addresses_of_talp_are_tried(board, broker, started, hosts):
+    hosts("talp.test", "::1", "127.0.0.2", "127.0.0.1")
+    watcher = broker.subscribe("talp/far/status")
+    bridge = broker.start_bridge(board, "--talp", "talp.test", *NO_HOME, node="far")
+    bridge.expect("IO port talp.test:5002: Connection refused (::1)")
+    watcher.expect("talp/far/status online")
+    bridge.close()
+
+
+def test_with_tls_the_certificate_is_compared_with_the_name(board, make_broker, hosts):
+    own, other = certificate(board, "house.test"), certificate(board, "other.test")
+    hosts("house.test", "::1", "127.0.0.1")
+    tls = {"ca_certs": f"{own}/cert"}
+    options = [f"{option} {own}/{name}" for option, name in (("certfile", "cert"), ("keyfile", "key"))]
+    broker = make_broker(board, *options, port=PORT, tls=tls)
+    ca = f"--tls-ca={own}/cert"
+    bridge = broker.start_bridge(board, *NO_TALP, ca, node="b", host="house.test")
+    bridge.expect(f"broker house.test:{PORT}: connected (127.0.0.1)")
+    bridge.close()
+    for host, trusted in (("127.0.0.1", own), ("house.test", other)):
+        ca = f"--tls-ca={trusted}/cert"
+        bridge = broker.start_bridge(board, *NO_TALP, ca, node="b", host=host)
+        refused = bridge.expect(re.compile(f"broker {host}:{PORT}: .*"))
+        assert "connected" not in refused
+        bridge.close()
+
+
+def test_a_name_that_is_being_looked_up_does_not_delay_the_end(board, broker):
+    """Its name server does not answer."""
+    servers = board.work / "resolv.conf"
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
+        silent.bind(("127.0.0.1", 53))
+        silent.settimeout(20)
+        servers.write_text("nameserver 127.0.0.1\n")
+        subprocess.run(("mount", "--no-mtab", "--bind", servers, "/etc/resolv.conf"), check=True)
+        bridge = broker.start_bridge(board, "--talp=far.test", *NO_TALP, node="b", host="far.test")
+        silent.recv(512)
+        bridge.process.send_signal(signal.SIGTERM)
+        bridge.process.wait(4)  # seconds; a lookup takes more than that
+        assert bridge.process.returncode == 0
+        subprocess.run(("umount", "/etc/resolv.conf"), check=True)
