@@ -123,6 +123,8 @@ void NODE::Believe(int address) {
     const auto value = ByteIn(Held(topic + std::to_string(block)));
     const bool isOutput = restores_ && card.IsRestorable() && block < kind->outputBlocks;
     const bool isInput = IsInputKind(card) && block < kind->inputBlocks;
+    // A line that came meanwhile is newer, and has its bits only now that the kind is known.
+    if (card.blocks[index]) ShowBlock(address, block, *card.blocks[index], false);
     if (!value || card.blocks[index] || IsContradicted(address, block, *value)) continue;
     if (!isOutput && !isInput) continue;
     card.isForgotten = card.isForgotten || isOutput;
