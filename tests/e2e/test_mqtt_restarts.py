@@ -5,7 +5,6 @@ import re
 import pytest
 
 from kit.cards import ADAPTER, hardware_found, wait_for_cards
-from kit.expecting import wait_for
 
 CONFIG = {"poll": True}
 TOPIC = "talp/b/"  # of the bridge's node

@@ -18,7 +18,7 @@ constexpr int kKeepAlive = 5;  // seconds; a silent broker is given up after two
 constexpr int kLargestPacket = 128 * 1024;  // holds the longest topic, so that it can be removed
 constexpr int kPacketsAtOnce = 64;          // before the other connections have their turn
 constexpr std::size_t kMostWaiting = 6000;
-constexpr std::size_t kMostUnsent = 256 * 1024;
+constexpr std::size_t kMostUnsent = 262144;  // bytes
 constexpr seconds kAddressTime(5);
 constexpr seconds kAnswerTime(15);
 // Brokers may send what they retain before or after they acknowledge the subscription.
@@ -36,6 +36,7 @@ const char* OrNull(const std::string& s) { return s.empty() ? nullptr : s.c_str(
 // As the library wants them: it does not change them.
 std::vector<char*> Pointers(const std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size());
   for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
   return pointers;
 }

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kTimestamp = 20;     // "2000-01-01 00:00:00 "
 constexpr std::size_t kLongestLine = 512;  // of a longer one the rest says nothing
-constexpr off_t kOldest = 1024 * 1024;     // bytes before the end that are read at first
+constexpr off_t kOldest = 1048576;         // bytes before the end that are read at first
 constexpr int kReadsAtOnce = 16;
 constexpr milliseconds kLookTime(250);
 // talp pauses for a second before it looks for the cards, which takes less than another one. Until

@@ -118,7 +118,7 @@ int TakeSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);  // a peer that is gone is no reason to end
   // Interrupts a system call of a thread, and does nothing else.
   struct sigaction action {};

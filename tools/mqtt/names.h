@@ -10,8 +10,8 @@ constexpr std::string_view kHexDigits = "0123456789ABCDEF";
 
 // What a board is called at the broker, and in Home Assistant.
 struct NAMES {
-  // `node` is one level of a topic; an empty `homeAssistant` switches discovery messages off.
-  NAMES(const std::string& topic, std::string node, std::string homeAssistant);
+  // `nodeName` is one level of a topic; an empty `prefix` switches discovery messages off.
+  NAMES(const std::string& topic, std::string nodeName, std::string prefix);
 
   // The topic of a card's kind, or of a block or bit of it without `tail`. With a slash at its end.
   std::string CardTopic(int address) const;

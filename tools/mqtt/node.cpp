@@ -56,7 +56,7 @@ NODE::NODE(NAMES nodeNames, std::string separator, bool hasConsole, bool restore
       restores_(restores),
       kindsKnown_(!hasConsole) {
   polled_.set();
-  UpdateStatus();
+  true_[names.root + "status"] = "offline";
   if (!names.homeAssistant.empty()) true_[DiscoveryTopic(names, kBoard)] = BoardMessage(names);
 }
 

@@ -121,7 +121,7 @@ LINES Translate(const std::string& path, const std::string& payload, const CARDS
                 const std::string& separator) {
   Require(payload.size() <= kMostText, "too long");
   const PLACE place = PlaceOf(path);
-  const int depth = (place.address >= 0) + (place.block >= 0) + (place.bit >= 0);
+  const int depth = place.bit >= 0 ? 3 : place.block >= 0 ? 2 : place.address >= 0 ? 1 : 0;
   for (const ROUTE& route : kRoutes) {
     if (route.depth != depth || route.tail != place.tail) continue;
     const CARD none;
