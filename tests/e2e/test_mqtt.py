@@ -87,6 +87,13 @@ def test_messages_become_frames_and_the_new_states_are_told(broker, watcher, bus
     assert broker.retained(TOPIC + "card/0/4") == {TOPIC + "card/0/4": "16"}
 
 
+def test_no_line_is_cut_in_two_however_many_come(broker, bus):
+    texts = [f"{number:02} {28 * 'x'}" for number in range(40)]
+    broker.publish_lines(TOPIC + "card/E/lcd/set", [json.dumps({"text": text}) for text in texts])
+    for text in texts:
+        bus.expect(f'lcd E text 0,0 "{text}"')
+
+
 def expect_refusal(watcher, topic, payload, reason):
     wanted = f"{TOPIC}error {TOPIC}{topic} '{payload}': {reason}"
     watcher.expect(re.compile(re.escape(wanted) + ".*"))

@@ -1,5 +1,6 @@
 """Brokers of other kinds, at several addresses, and with many boards."""
 
+import contextlib
 import json
 import re
 import signal
@@ -86,6 +87,20 @@ def test_mqtt_5_alone_may_be_asked_for(board, broker, relay):
     bridge.pull()
     assert not [line for line in bridge.lines if "connected" in line]
     bridge.close()
+
+
+def test_a_broker_that_refuses_is_not_asked_without_a_pause(board, broker):
+    with socket.create_server(("127.0.0.1", RELAY)) as server:
+        bridge = broker.start_bridge(board, *NO_TALP, node="b", port=RELAY)
+        server.settimeout(4)  # pauses of half a second at least, twice as long each time
+        attempts = 0
+        end = time.monotonic() + 4
+        while time.monotonic() < end:
+            with contextlib.suppress(TimeoutError):
+                server.accept()[0].close()
+                attempts += 1
+        assert 0 < attempts < 10
+        bridge.close()
 
 
 def test_nodes_that_differ_in_a_sign_only_do_not_disturb_each_other(board, broker):

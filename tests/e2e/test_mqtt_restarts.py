@@ -103,6 +103,14 @@ def test_a_bridge_that_restarts_leaves_the_other_outputs_as_they_are(broker, bus
     second.expect(CARD + "5/1 218")
 
 
+def test_a_bridge_that_is_killed_leaves_the_status_offline(board, broker, started):
+    watcher = broker.subscribe(TOPIC + "status")
+    bridge = broker.start_bridge(board, "--home-assistant", "", node="b")
+    watcher.expect(TOPIC + "status online")
+    bridge.kill()
+    watcher.expect(TOPIC + "status offline")
+
+
 def test_without_an_adapter_nothing_is_sent_neither_now_nor_later(board, broker, bus, watcher):
     command(broker, bus, "4/0", "5", "out 4 motor 05 00 00 00")
     pull(board, bus, watcher)
