@@ -12,6 +12,7 @@ namespace {
 
 // Messages that the broker has not acknowledged.
 constexpr std::size_t kBehind = 1000;
+constexpr std::size_t kTooFarBehind = 15000;
 constexpr std::size_t kMostRefusals = 500;
 constexpr seconds kVisitTime(5);  // the console's place belongs to people
 constexpr seconds kLongestTurn(2);
@@ -118,7 +119,10 @@ void BRIDGE::Publish(const std::string& topic, const std::string& payload, bool 
   broker_.Publish(topic, payload, retain);
 }
 
-bool BRIDGE::Send(const LINES& lines) { return io_.Send(lines); }
+// Each command is followed by messages that tell what it has set.
+bool BRIDGE::Send(const LINES& lines) {
+  return broker_.Unacknowledged() < kTooFarBehind && io_.Send(lines);
+}
 
 void BRIDGE::OnRetained(const std::string& topic, const std::string& payload) {
   NODE::OnRetained(topic, payload);
