@@ -22,7 +22,6 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 from kit import sandbox
 from kit.board import NAMES, Board
-from kit.broker import Broker
 from kit.expecting import FAILURE, LineSource, check, check_equal, read_file, wait_for
 
 TICK = 0.02  # seconds
@@ -56,29 +55,6 @@ TYPED = (None, "", "a", "a5b0d", "aElPAp", "EXI", "=:\r", "\r\n", "\0", "a5b0d\0
          "FORCEDISCOVER\r\n", "SPEED=100\r\n", "SPEED=1\r\n", "DISABLEPOLL\r\n", "REBOOT:5\r\n")
 
 
-class Bridge(LineSource):
-    """talp-mqtt in the place of an IO client: what it publishes, and a publisher to it."""
-
-    def __init__(self, board, broker):
-        super().__init__("bridge")
-        self.broker = broker
-        self.watcher = broker.subscribe("talp/soak/io", "talp/soak/status")
-        self.bridge = broker.start_bridge(board, node="soak")
-        self.expect("online")
-
-    def receive(self):
-        lines = self.watcher.receive().splitlines()
-        return "".join(line.partition(" ")[2] + "\n" for line in lines)
-
-    def send(self, text):
-        self.broker.publish_lines("talp/soak/io/set", text.split())
-
-    def close(self):
-        self.bridge.close()
-        self.expect("offline")
-        self.watcher.close()
-
-
 def by_card(lines):
     """Which of two cards comes first is chance."""
     return sorted(lines, key=lambda line: line[:2])
@@ -91,7 +67,6 @@ class Soak:
         self.count = collections.Counter()
         self.samples = []  # seconds, memory in KiB, threads, descriptors, seconds of CPU time
         self.abusive = {}  # by port
-        self.bridge = None
         self.away = False  # the adapter is pulled out
         self.value = self.lost = 0
         board.write_config(percent=50, poll=True)
@@ -113,7 +88,7 @@ class Soak:
         ended = os.waitid(os.P_PID, self.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT)
         check(not ended, f"the daemon has ended: {ended}")
         threads, opened = len(os.listdir(f"{self.process}/task")), self.opened()
-        others = sandbox.listening_ports() - {1883, *self.board.ports.values()}
+        others = sandbox.listening_ports() - set(self.board.ports.values())
         check(not others, f"listens on {others}")
         if not self.samples or self.elapsed() >= self.samples[-1][0] + 1:
             memory = int(read_file(f"{self.process}/statm").split()[1]) * resource.getpagesize()
@@ -143,10 +118,10 @@ class Soak:
         if not self.away:
             self.bus.order(f"return /dev/ttyUSB{self.dice.randrange(100)}")
 
-    def spoil_replies(self):
+    def corrupt_replies(self):
         self.bus.order("fault off", f"fault {self.dice.choice(FAULTS).strip()}")
 
-    def spoil_log(self):
+    def disturb_log(self):
         self.rotate_log()
         self.set_log(self.dice.choice((GOOD_LOG, GOOD_LOG, FULL_LOG, NO_LOG)))
 
@@ -155,7 +130,7 @@ class Soak:
 
     def abuse_port(self):
         """A client that never reads comes, or goes if it is there."""
-        name = self.dice.choice([name for name in NAMES if name != "IO" or not self.bridge])
+        name = self.dice.choice(NAMES)
         if name in self.abusive:
             return self.abusive.pop(name).close()
         client = self.abusive[name] = socket.socket()
@@ -203,8 +178,6 @@ class Soak:
 
     def client(self, name):
         """One that has been greeted, and is read line by line."""
-        if self.bridge and name == "IO":
-            return self.bridge
         greeted = self.board.patient_client(name)
         client = LineSource(name, os.dup(greeted.descriptor))
         greeted.close()
@@ -271,11 +244,10 @@ class Soak:
         self.count.update({"console lines": 1, "input lines": len(INPUTS), "IO lines": OUTPUTS})
         return self.elapsed()
 
-    def play(self, broker):
+    def play(self):
         while self.elapsed() < self.seconds:
             number = self.count["rounds"]
             self.dice = random.Random(f"{self.seed} {number}")
-            self.bridge = Bridge(self.board, broker) if broker and number % 4 == 3 else None
             if number and not self.last_quarter():
                 self.trouble()
             self.calm()
@@ -314,8 +286,8 @@ class Soak:
 ACTORS = (
     (Soak.abuse_port, 0.1),
     (Soak.pull_adapter, 0.2),
-    (Soak.spoil_replies, 0.2),
-    (Soak.spoil_log, 0.5),
+    (Soak.corrupt_replies, 0.2),
+    (Soak.disturb_log, 0.5),
     (Soak.step_clock, 0.5),
 )
 
@@ -331,12 +303,10 @@ def main(build, minutes, seed=random.randrange(1 << 32)):
         Path(f"/proc/sys/net/ipv4/{buffer}").write_text("4096 4096 4096")
     board = Board(build, log_file=LOG_FILE)
     board.replace_sleep(SLEEP)
-    with_bridge = (board.build / "tools/mqtt/talp-mqtt").exists()
-    broker = Broker(board) if with_bridge else None
     soak = Soak(board, seed, 60 * float(minutes))
     failure = ""
     try:
-        soak.play(broker)
+        soak.play()
     except FAILURE as error:
         failure = str(error)
     rows = "\n".join(" ".join(map(str, sample)) for sample in soak.samples)

@@ -1,4 +1,4 @@
-"""Lost links: silent, spoilt and late replies, adapters that come and go."""
+"""Lost links: silent, corrupt and late replies, adapters that come and go."""
 
 import pytest
 
