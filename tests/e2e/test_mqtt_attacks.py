@@ -4,6 +4,7 @@ import contextlib
 import re
 import socket
 import threading
+import time
 
 import pytest
 
@@ -16,6 +17,12 @@ TOPIC = "talp/b/"  # of the bridge's node
 KINDS = ["EMPTY"] * 15 + ["16 channel DIGITAL INPUT"]
 LISTED = [f"DTI:0x{address:X}:{kind}" for address, kind in enumerate(KINDS)]
 MIB = 1 << 20
+
+
+@pytest.fixture(scope="module")
+def broker(board, make_broker):
+    """It drops what a client does not take in time, as mosquitto does unless told otherwise."""
+    return make_broker(board, "max_queued_messages 1000")
 
 
 @pytest.fixture(scope="module")
@@ -32,13 +39,20 @@ def bridge(board, broker, started):
     bridge.close()
 
 
+def memory(bridge):
+    """What it takes in KiB: VmSize and, at most so far, VmHWM."""
+    status = read_file(f"/proc/{bridge.process.pid}/status")
+    return {name: int(size) for name, size in re.findall(r"(Vm\w+):\s+(\d+) kB", status)}
+
+
+def is_sanitized(bridge):
+    """Then it takes far more by itself, and is slow."""
+    return memory(bridge)["VmSize"] > 1 << 30
+
+
 def check_memory(bridge):
-    """The most that it has taken, but for a sanitized one, which takes far more by itself."""
-    if bridge.process.returncode is not None:
-        return
-    fields = dict(re.findall(r"(\w+):\s+(\d+) kB", read_file(f"/proc/{bridge.process.pid}/status")))
-    if int(fields["VmSize"]) < MIB:
-        assert int(fields["VmHWM"]) * 1024 < 32 * MIB
+    if bridge.process.returncode is None and not is_sanitized(bridge):
+        assert memory(bridge)["VmHWM"] * 1024 < 32 * MIB
 
 
 @pytest.fixture
@@ -84,11 +98,13 @@ def test_a_client_that_floods_does_not_keep_inputs_from_their_topics(broker, bri
     name = (TOPIC + topic).encode()
     packet = bytes((0x30, len(name) + 3, 0, len(name))) + name + b"9"
     flooding = True
+    pause = 0.1 if is_sanitized(bridge) else 0  # or the broker queues without end
 
     def flood(publisher):
         with contextlib.suppress(OSError):
             while flooding:
                 publisher.sendall(1000 * packet)
+                time.sleep(pause)
 
     with socket.create_connection(("127.0.0.1", broker.port)) as publisher:
         publisher.sendall(b"\x10\x0d\x00\x04MQTT\x04\x02\x00\x3c\x00\x01f")
