@@ -1,5 +1,6 @@
 """talp-sandbox where namespaces are refused, as in a container: it runs its command in place."""
 
+import contextlib
 import os
 import shutil
 import signal
@@ -90,10 +91,21 @@ def test_sigterm_ends_all(sandbox):
     assert not pid_file.exists()
 
 
-def test_a_sandbox_that_was_killed_is_cleared_by_the_next(sandbox):
+def test_a_sandbox_that_is_killed_leaves_nothing_either(sandbox):
     program, _ = sandbox
     program.process.kill()
     assert run("true").returncode == 0
+
+
+def test_signals_that_come_again_and_again_do_not_keep_it_from_ending_all(sandbox):
+    program, pid_file = sandbox
+    place = int(pid_file.read_text())
+    program.process.terminate()
+    with contextlib.suppress(ProcessLookupError):
+        for _ in range(1000):
+            os.kill(place, signal.SIGTERM)
+    program.status = 128 + signal.SIGTERM
+    program.expect_exit()
 
 
 def test_one_sandbox_runs_at_a_time_and_others_wait(sandbox):
