@@ -39,6 +39,7 @@ class House:
         self.named = {}  # values that somebody has asked for lately, by card and block
         self.missing = set()  # what is not there just now
         self.person = None
+        self.marks = 0
         self.start_daemon()
         self.start_bridge()
         self.wait_for_truth()
@@ -162,6 +163,19 @@ class House:
         true = lambda: not last.append(self.wrong()) and not last[-1]
         wait_for("the truth", true, instead=lambda: last[-1])
 
+    def settle(self):
+        """Commands may wait for two seconds. One that is refused behind them tells that they are done."""
+        self.marks += 1
+        mark = f"mark {self.marks}"
+
+        def refused():
+            self.broker.publish(f"{CARD}5/0/set", mark)
+            time.sleep(0.2)
+            self.watcher.pull()
+            return any(mark in line for line in self.watcher.lines)
+
+        wait_for(mark, refused)
+
     def check_outputs(self, before):
         """None has changed but those that were named."""
         for place, value in self.outputs.items():
@@ -190,6 +204,8 @@ class House:
             event()
             time.sleep(self.dice.choice((0, 0.1, 1)))
         self.bring_back()
+        self.wait_for_truth()
+        self.settle()
         self.wait_for_truth()
         self.check_outputs(before)
         self.check_watcher()
