@@ -200,7 +200,7 @@ constexpr PAYLOAD_BYTE ServoSet(unsigned char baseA, unsigned char baseB) {
 constexpr char kLcdOnly[] = "CIE: THIS COMMAND IS VALID FOR LCD CONTROL CARD ONLY";
 constexpr char kAnalogOnly[] = "CIE: THIS COMMAND IS VALID ON ANALOG INPUT CARD ONLY";
 constexpr char kServoOnly[] = "CIE: THIS COMMAND IS VALID ON SERVO CONTROLLER CARD ONLY";
-// LEGAL where the others say VALID: programs that compare whole answers rely on it.
+// LEGAL where the others say VALID is fixed: see docs/architecture.md.
 constexpr char kServoLegal[] = "CIE: THIS COMMAND IS LEGAL ON SERVO CONTROLLER CARD ONLY";
 constexpr char kMotorOnly[] = "CIE: THIS COMMAND IS VALID ON DC MOTOR CONTROLLER CARD ONLY";
 

@@ -26,7 +26,7 @@ constexpr unsigned kStartPause = 50000;  // 5 ms
 constexpr unsigned kParkPause = 5000;    // 0.5 ms
 
 // Dotted address and port. The port is printed without conversion from network byte order, so on a
-// little-endian machine port 50000 is logged as 20675. Programs that read the log rely on it.
+// little-endian machine port 50000 is logged as 20675. That is fixed: see docs/architecture.md.
 std::string PeerText(const sockaddr_in& peer) {
   char address[INET_ADDRSTRLEN] = "";
   inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address);
