@@ -61,6 +61,9 @@ def test_every_line_of_a_fast_talp_comes_in_order(board, broker):
                 watcher.expect(f"talp/fast/io {line}")
                 value = int(line[5:], 16)
                 watcher.expect_next(f"talp/fast/card/{line[1]}/{line[3]} {value}")
+            # Nobody has told the kind of the card, nor what its other outputs are.
+            broker.publish("talp/fast/card/5/2/1/set", "ON")
+            watcher.expect(re.compile("talp/fast/error .*are not known; send the block"))
             # The last will is not needed: the bridge says itself that it goes.
             bridge.close()
             watcher.expect("talp/fast/status offline")

@@ -177,6 +177,8 @@ def test_retained_topics_that_are_not_the_nodes_own_are_removed_and_never_believ
     broker.publish(CARD + "4/0/set", "3", retain=True)
     errors.expect(re.compile(".*'3': it is retained, and would run again.*"))
     start()
+    broker.publish(CARD + "5/0/1/set", "ON")
+    errors.expect(re.compile(".*'ON': the other outputs of the block are not known; send the block"))
     held = broker.retained(CARD + "#")
     assert not {CARD + topic for topic in foreign} & set(held)
     assert held[CARD + "0/3"] == "77"

@@ -125,8 +125,11 @@ void NODE::Believe(int address) {
     const bool isInput = IsInputKind(card) && block < kind->inputBlocks;
     // A line that came meanwhile is newer, and has its bits only now that the kind is known.
     if (card.blocks[index]) ShowBlock(address, block, *card.blocks[index], false);
-    if (!value || card.blocks[index] || IsContradicted(address, block, *value)) continue;
-    if (!isOutput && !isInput) continue;
+    if (!value || card.blocks[index] || !(isOutput || isInput)) continue;
+    if (IsContradicted(address, block, *value)) {
+      card.contradicted.set(index);
+      continue;
+    }
     card.isForgotten = card.isForgotten || isOutput;
     card.unconfirmed.set(index, isInput);
     ShowBlock(address, block, *value, false);

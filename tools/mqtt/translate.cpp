@@ -38,11 +38,16 @@ LINES SetBlock(const PLACE& place, const std::string& payload, const CARD& card)
   return BlockLine(place, static_cast<unsigned>(ATOL(payload)), card);
 }
 
-// Outputs are low-active: 0 is on, and all are taken for off at first.
+// Outputs are low-active: 0 is on. A line sets all of a block, so the others must be known; those
+// of a digital output card are taken for off at first.
 LINES SetBit(const PLACE& place, const std::string& payload, const CARD& card) {
   Require(card.kind == nullptr || card.Is(kKindDigitalOutput), "no digital output there");
   Require(payload == "ON" || payload == "OFF", "neither ON nor OFF");
-  const unsigned last = card.blocks.at(static_cast<std::size_t>(place.block)).value_or(0xFF);
+  const auto block = static_cast<std::size_t>(place.block);
+  const bool areKnown =
+      card.blocks.at(block) || (card.kind != nullptr && !card.contradicted[block]);
+  Require(areKnown, "the other outputs of the block are not known; send the block");
+  const unsigned last = card.blocks[block].value_or(0xFF);
   const unsigned mask = 1U << place.bit;
   return BlockLine(place, payload == "ON" ? last & ~mask : last | mask, card);
 }
