@@ -205,6 +205,8 @@ def test_wrong_options_are_named(board):
         (("--node", "a+b"), ".*"),
         (("--node", "b/card"), ".*"),
         (("--node", ""), ".*"),
+        (("--node", "card"), ".*"),
+        (("--node", 300 * "b"), ".*"),
         (("--mqtt", "4"), ".*"),
         (("--password-file", "/etc/passwd"), ".*"),
         (("--config", bad), ".*"),

@@ -11,7 +11,7 @@ import time
 import pytest
 
 from kit.cards import wait_for_cards
-from kit.expecting import read_file
+from kit.expecting import read_file, wait_for
 from kit.relay import Relay
 
 CONFIG = {"poll": True}
@@ -58,6 +58,7 @@ def test_a_broker_that_refuses_mqtt_5_is_spoken_to_by_3_1_1(
     bridge = broker.start_bridge(board, *NO_HOME, node="b", port=RELAY)
     bridge.expect(f"broker 127.0.0.1:{RELAY}: connected by MQTT 3.1.1")
     watcher.expect(TOPIC + "status online")
+    wait_for("the kind of the card", lambda: broker.retained(TOPIC + "card/5/kind"))
     broker.publish(TOPIC + "card/5/1/2/set", "ON")
     bus.expect("out 5 dout b0=FF b1=FB")
     watcher.expect(TOPIC + "card/5/1 251")

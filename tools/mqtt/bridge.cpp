@@ -42,9 +42,9 @@ void BRIDGE::Run(int signals) {
 // The log is read first: a command must not be sent to a bus of which it says that it is gone.
 void BRIDGE::Turn() {
   const CLOCK::time_point now = CLOCK::now();
-  NODE::OnTime(now);
   log_.Run();
   NODE::OnBus(log_.State());
+  NODE::OnTime(now);
   // Nobody can tell how old the messages are that have come meanwhile.
   if (now - std::exchange(lastTurn_, now) > kLongestTurn) broker_.Drop("this program was stopped");
   broker_.Run();

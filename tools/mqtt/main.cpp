@@ -16,7 +16,8 @@ using namespace mqtt;
 namespace {
 
 constexpr char kConfigFile[] = "/etc/talp/talpconf.xml";
-constexpr int kHighestLogLevel = 1;  // with a higher one talp writes nothing
+constexpr std::size_t kLongestName = 255;  // bytes: a node's topics stay far below what MQTT allows
+constexpr int kHighestLogLevel = 1;        // with a higher one talp writes nothing
 
 struct OPTIONS {
   BRIDGE_OPTIONS bridge;
@@ -33,13 +34,15 @@ std::string Unreadable(const std::string& path) {
 }
 
 std::string NoTopic(const std::string& name) {
-  const bool fits = !name.empty() && mosquitto_pub_topic_check(name.c_str()) == 0 &&
+  const bool fits = !name.empty() && name.size() <= kLongestName &&
+                    mosquitto_pub_topic_check(name.c_str()) == 0 &&
                     mosquitto_validate_utf8(name.c_str(), static_cast<int>(name.size())) == 0;
   return fits ? "" : "'" + name + "' cannot be part of a topic";
 }
 
-// Two levels would be a topic of another node.
+// Two levels would be a topic of another node, and each node has topics below "card".
 std::string NoNode(const std::string& name) {
+  if (name == "card") return "'card' is a topic of every node";
   return name.find('/') == std::string::npos ? NoTopic(name) : "'" + name + "' has a slash";
 }
 
