@@ -22,6 +22,7 @@ PERSISTENT = ("autosave_interval 1", "autosave_on_changes true", "persistence tr
 INPUTS = {"3": 2, "F": 6}  # blocks by card
 OUTPUTS = {"5": 2, "0": 6}
 UNKNOWABLE = tuple(CARD + card for card in "48")  # at times
+OF_OUTPUTS = tuple(CARD + card for card in OUTPUTS)
 SHOWN = re.compile("out ([05]) (?:dout|servo) (.*)")
 
 
@@ -40,6 +41,7 @@ class House:
         self.missing = set()  # what is not there just now
         self.person = None
         self.marks = 0
+        self.told = set()  # topics of outputs, which do not vanish again
         self.start_daemon()
         self.start_bridge()
         self.wait_for_truth()
@@ -145,7 +147,7 @@ class House:
         states = {}
         for (card, block), value in {**self.inputs, **self.outputs}.items():
             topic = f"{CARD}{card}/{block}"
-            if topic not in held and (card, block) not in self.inputs:
+            if topic not in held and (card, block) not in self.inputs and topic not in self.told:
                 states[topic] = None  # it was never named
             elif topic in held or card != "8":
                 states[topic] = str(value)
@@ -156,6 +158,7 @@ class House:
                      if held.get(name) != text]
         strange = [name for name in held if name.startswith(CARD) and not name.endswith("/kind")
                    and name not in states and not name.startswith(UNKNOWABLE)]
+        self.told |= {topic for topic in held if topic.startswith(OF_OUTPUTS)}
         return differing or strange
 
     def wait_for_truth(self):

@@ -126,10 +126,9 @@ void NODE::Believe(int address) {
     // A line that came meanwhile is newer, and has its bits only now that the kind is known.
     if (card.blocks[index]) ShowBlock(address, block, *card.blocks[index], false);
     if (!value || card.blocks[index] || !(isOutput || isInput)) continue;
-    if (IsContradicted(address, block, *value)) {
-      card.contradicted.set(index);
-      continue;
-    }
+    // A bridge that is killed leaves outputs whose bits are older than their number, which is
+    // published first. Inputs are asked for in any case.
+    if (isInput && IsContradicted(address, block, *value)) continue;
     card.isForgotten = card.isForgotten || isOutput;
     card.unconfirmed.set(index, isInput);
     ShowBlock(address, block, *value, false);

@@ -44,9 +44,8 @@ LINES SetBit(const PLACE& place, const std::string& payload, const CARD& card) {
   Require(card.kind == nullptr || card.Is(kKindDigitalOutput), "no digital output there");
   Require(payload == "ON" || payload == "OFF", "neither ON nor OFF");
   const auto block = static_cast<std::size_t>(place.block);
-  const bool areKnown =
-      card.blocks.at(block) || (card.kind != nullptr && !card.contradicted[block]);
-  Require(areKnown, "the other outputs of the block are not known; send the block");
+  Require(card.blocks.at(block) || card.kind != nullptr,
+          "the other outputs of the block are not known; send the block");
   const unsigned last = card.blocks[block].value_or(0xFF);
   const unsigned mask = 1U << place.bit;
   return BlockLine(place, payload == "ON" ? last & ~mask : last | mask, card);

@@ -19,10 +19,9 @@ constexpr std::size_t kMostText = 1024;  // of a message: longer than any that m
 struct CARD {
   const CARD_KIND* kind = nullptr;                               // null: not known
   std::array<std::optional<unsigned char>, kBlockCount> blocks;  // as reported, or as sent
-  std::bitset<kBlockCount> unconfirmed;   // inputs that may have changed unseen
-  std::bitset<kBlockCount> asked;         // inputs whose last state will come, changed or not
-  std::bitset<kBlockCount> contradicted;  // outputs of which the broker holds two different states
-  bool isForgotten = false;               // talp may not have the outputs any more
+  std::bitset<kBlockCount> unconfirmed;  // inputs that may have changed unseen
+  std::bitset<kBlockCount> asked;        // inputs whose last state will come, changed or not
+  bool isForgotten = false;              // talp may not have the outputs any more
 
   bool Is(KIND_CODE code) const { return kind != nullptr && kind->code == code; }
 
