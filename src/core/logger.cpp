@@ -5,14 +5,20 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <mutex>
+
 #include "core/file_descriptor.h"
 
 namespace {
 
 std::string LocalTime() {
+  static std::mutex zoneLock;  // the library has one, too, but the thread sanitizer does not see it
   const time_t now = time(nullptr);
   tm local{};
-  tzset();  // localtime_r(3) would keep the zone of the first line when /etc/localtime changes
+  {
+    const std::lock_guard<std::mutex> guard(zoneLock);
+    tzset();  // localtime_r(3) would keep the zone of the first line when /etc/localtime changes
+  }
   localtime_r(&now, &local);
   char text[256];
   const size_t length = strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
