@@ -13,6 +13,7 @@ import pytest
 from kit.cards import wait_for_cards
 from kit.expecting import read_file, wait_for
 from kit.relay import Relay
+from kit.sandbox import needs_namespaces
 
 CONFIG = {"poll": True}
 TOPIC = "talp/b/"  # of the bridge's node
@@ -171,6 +172,7 @@ def test_a_signal_ends_it_well_from_its_first_moment_on(board, broker):
 @pytest.fixture
 def hosts(board):
     """Has a name mean these addresses, for programs started afterwards."""
+    needs_namespaces("an /etc/hosts of its own")
     file = board.work / "hosts"
 
     def hosts(name, *addresses):
@@ -248,6 +250,7 @@ def test_with_tls_the_certificate_is_compared_with_the_name(board, make_broker, 
 
 def test_a_name_that_is_being_looked_up_does_not_delay_the_end(board, broker):
     """Its name server does not answer."""
+    needs_namespaces("an /etc/resolv.conf of its own")
     servers = board.work / "resolv.conf"
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
         silent.bind(("127.0.0.1", 53))
