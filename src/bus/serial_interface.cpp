@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "bus/serial_port.h"
+#include "core/log_texts.h"
 #include "core/sleepsec.h"
 #include "core/speed.h"
 #include "thread/sleep.h"
@@ -79,13 +80,12 @@ bool SERIAL_INTERFACE::InitStoredDevice() {
 
 bool SERIAL_INTERFACE::InitFirstAnsweringDevice() {
   const std::list<std::string> devices = GetUSBDevices();
-  if (devices.empty()) logger_.LOG(kError, "ttyUSB devices couldn't be found", kLogLevel);
+  if (devices.empty()) logger_.LOG(kError, kLogNoAdapter, kLogLevel);
   for (const std::string& device : devices) {
     device_ = device;
     tty_ = OpenSerialDevice(device_);
     if (!tty_.IsOpen()) {
-      // The two blanks distinguish this line from the one for a stored device.
-      logger_.LOG(kError, "unable to  open " + device_ + " for hardware communication", kLogLevel);
+      logger_.LOG(kError, kLogCannotOpen + device_ + " for hardware communication", kLogLevel);
     } else if (TryOpenDevice()) {
       return true;
     }
@@ -104,21 +104,20 @@ bool SERIAL_INTERFACE::TryOpenDevice() {
 
 bool SERIAL_INTERFACE::SetSerialParams() {
   const int error = ApplyLineSettings(tty_);
-  if (error != 0) logger_.LOG(kError, "error " + ITOA(error) + " from tcsetattr", kLogLevel);
+  if (error != 0) logger_.LOG(kError, "error " + ITOA(error) + kLogCannotSetUp, kLogLevel);
   return error == 0;
 }
 
 bool SERIAL_INTERFACE::HardwareCheck(const std::string& device) {
-  logger_.LOG(kInfo, "try to catch hardware on " + device, kLogLevel);
+  logger_.LOG(kInfo, kLogTrying + device, kLogLevel);
   Sleep(kSettlePause);
   const BYTE_LIST reply = Comm2HW(HandshakeRequest());
   switch (GetQListError(reply)) {
     case kReplyGood:
-      logger_.LOG(kInfo, "hardware found on " + device + " version: " + HandshakeVersion(reply),
-                  kLogLevel);
+      logger_.LOG(kInfo, kLogFound + device + " version: " + HandshakeVersion(reply), kLogLevel);
       return true;
     case kReplyTimeout:
-      logger_.LOG(kInfo, "comm timeout " + device, kLogLevel);
+      logger_.LOG(kInfo, kLogTimeout + device, kLogLevel);
       return false;
     default:
       // An error code is the answer of a card bus too. Nothing is logged.
@@ -137,7 +136,7 @@ BYTE_LIST SERIAL_INTERFACE::Comm2HW(const BYTE_LIST& request) {
   if (request.empty()) return EmptyRequestReply();
   const REQUEST_FRAME frame = BuildRequestFrame(request);
   if (write(tty_.Number(), frame.bytes.data(), frame.size) == -1) {
-    logger_.LOG(kError, "unable to  write to " + device_, kLogLevel);
+    logger_.LOG(kError, kLogCannotWrite + device_, kLogLevel);
   }
   REPLY_WAIT wait(request);
   while (wait.Waiting()) wait.Attempt(bytes, read(tty_.Number(), bytes, sizeof bytes));
@@ -165,7 +164,7 @@ bool SERIAL_INTERFACE::Serve(TLQUEUE* queue) {
       ApplyReply(reply);
       return true;
     case kReplyTimeout:
-      logger_.LOG(kInfo, "comm timeout " + device_, kLogLevel);
+      logger_.LOG(kInfo, kLogTimeout + device_, kLogLevel);
       tty_.Close();
       linkState_ = LINK_STATE::kDisconnected;
       return false;

@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr std::size_t kMaxEntries = 4;
-
 int NumberOf(const char* text) {
   constexpr long kLowest = std::numeric_limits<int>::min();
   constexpr long kHighest = std::numeric_limits<int>::max();
@@ -32,35 +30,13 @@ std::string Unescaped(std::string text) {
   return text;
 }
 
-// Reads one document. An operation that returns false has set the error text, and the reading ends.
-class CONFIG_READER {
- public:
-  CONFIG_DESCRIPTOR Read(const pugi::xml_document& document);
-
- private:
-  using ATTRIBUTE_HANDLER = void (*)(const char* value, CONFIG_DESCRIPTOR* config);
-
-  struct ELEMENT_RULE {
-    const char* element;
-    const char* attribute;
-    ATTRIBUTE_HANDLER apply;
-  };
-
-  static const ELEMENT_RULE kElementRules[];
-
-  void ApplyAttributes(const pugi::xml_node& element);
-  bool ReadInterfaces(const pugi::xml_node& element);
-  bool ReadEntry(const pugi::xml_node& entry, INTERFACE_DESCRIPTOR* interface);
-  bool ReadPort(const char* value, INTERFACE_DESCRIPTOR* interface);
-  void Store(const INTERFACE_DESCRIPTOR& interface);
-
-  CONFIG_DESCRIPTOR config_;
-  // By position in `Interfaces`. A second `Interfaces` element starts from the values that the
-  // first one left.
-  std::array<INTERFACE_DESCRIPTOR, kMaxEntries> entries_;
+struct ELEMENT_RULE {
+  const char* element;
+  const char* attribute;
+  void (*apply)(const char* value, CONFIG_DESCRIPTOR* config);
 };
 
-constexpr CONFIG_READER::ELEMENT_RULE CONFIG_READER::kElementRules[] = {
+constexpr ELEMENT_RULE kElementRules[] = {
     {"Debuglog", "File", [](const char* value, CONFIG_DESCRIPTOR* c) { c->logFile = value; }},
     {"Debuglog", "Loglevel",
      [](const char* value, CONFIG_DESCRIPTOR* c) { c->logLevel = NumberOf(value); }},
@@ -74,10 +50,56 @@ constexpr CONFIG_READER::ELEMENT_RULE CONFIG_READER::kElementRules[] = {
      [](const char* value, CONFIG_DESCRIPTOR* c) { c->autoDiscover = ATOB(value); }},
 };
 
+// Of the entries below `Interfaces`. False: the value is refused.
+struct ENTRY_RULE {
+  const char* attribute;
+  bool (*apply)(const char* value, INTERFACE_DESCRIPTOR* interface);
+};
+
+constexpr ENTRY_RULE kEntryRules[] = {
+    {"Name",
+     [](const char* value, INTERFACE_DESCRIPTOR* i) {
+       i->name = value;
+       return true;
+     }},
+    {"InpSeparator",
+     [](const char* value, INTERFACE_DESCRIPTOR* i) {
+       i->inpSeparator = Unescaped(value);
+       return true;
+     }},
+    {"OutSeparator",
+     [](const char* value, INTERFACE_DESCRIPTOR* i) {
+       i->outSeparator = Unescaped(value);
+       return true;
+     }},
+    {"Port",
+     [](const char* value, INTERFACE_DESCRIPTOR* i) {
+       i->port = NumberOf(value);
+       return i->port > kHighestRefusedPort;
+     }},
+};
+
+// Reads one document. An operation that returns false has set the error text, and the reading ends.
+class CONFIG_READER {
+ public:
+  CONFIG_DESCRIPTOR Read(const pugi::xml_document& document);
+
+ private:
+  void ApplyAttributes(const pugi::xml_node& element);
+  bool ReadInterfaces(const pugi::xml_node& element);
+  bool ReadEntry(const pugi::xml_node& entry, INTERFACE_DESCRIPTOR* interface);
+  void Store(const INTERFACE_DESCRIPTOR& interface);
+
+  CONFIG_DESCRIPTOR config_;
+  // By position in `Interfaces`. A second `Interfaces` element starts from the values that the
+  // first one left.
+  std::array<INTERFACE_DESCRIPTOR, kMaxEntries> entries_;
+};
+
 CONFIG_DESCRIPTOR CONFIG_READER::Read(const pugi::xml_document& document) {
-  for (const pugi::xml_node& element : document.child("TALPConfig").children()) {
+  for (const pugi::xml_node& element : document.child(kRootElement).children()) {
     ApplyAttributes(element);
-    const bool isInterfaces = std::strcmp(element.name(), "Interfaces") == 0;
+    const bool isInterfaces = std::strcmp(element.name(), kInterfacesElement) == 0;
     if (isInterfaces && !ReadInterfaces(element)) break;
   }
   return config_;
@@ -109,34 +131,30 @@ bool CONFIG_READER::ReadInterfaces(const pugi::xml_node& element) {
 
 bool CONFIG_READER::ReadEntry(const pugi::xml_node& entry, INTERFACE_DESCRIPTOR* interface) {
   for (const pugi::xml_attribute& attribute : entry.attributes()) {
-    const std::string name = attribute.name();
-    if (name == "Name") {
-      interface->name = attribute.value();
-    } else if (name == "InpSeparator") {
-      interface->inpSeparator = Unescaped(attribute.value());
-    } else if (name == "OutSeparator") {
-      interface->outSeparator = Unescaped(attribute.value());
-    } else if (name == "Port" && !ReadPort(attribute.value(), interface)) {
+    for (const ENTRY_RULE& rule : kEntryRules) {
+      if (std::strcmp(rule.attribute, attribute.name()) != 0) continue;
+      if (rule.apply(attribute.value(), interface)) continue;
+      config_.errorText = interface->name + " interface port number is less than 1025";
       return false;
     }
   }
   return true;
 }
 
-bool CONFIG_READER::ReadPort(const char* value, INTERFACE_DESCRIPTOR* interface) {
-  interface->port = NumberOf(value);
-  if (interface->port > kHighestRefusedPort) return true;
-  config_.errorText = interface->name + " interface port number is less than 1025";
-  return false;
-}
-
 void CONFIG_READER::Store(const INTERFACE_DESCRIPTOR& interface) {
-  if (interface.name == "IO") config_.io = interface;
-  if (interface.name == "CAE") config_.cae = interface;
-  if (interface.name == "MON") config_.mon = interface;
+  for (const INTERFACE_ROW& row : kInterfaces) {
+    if (interface.name == row.name) config_.*row.settings = interface;
+  }
 }
 
 }  // namespace
+
+std::vector<SETTING> AllSettings() {
+  std::vector<SETTING> all;
+  for (const ELEMENT_RULE& rule : kElementRules) all.push_back({rule.element, rule.attribute});
+  for (const ENTRY_RULE& rule : kEntryRules) all.push_back({kEntry, rule.attribute});
+  return all;
+}
 
 CONFIG_DESCRIPTOR ReadConfigFile(const char* path) {
   pugi::xml_document document;

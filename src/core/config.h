@@ -1,7 +1,9 @@
 #ifndef TALP_CORE_CONFIG_H_
 #define TALP_CORE_CONFIG_H_
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "core/speed.h"
 #include "thread/shared.h"
@@ -44,6 +46,33 @@ struct CONFIG_DESCRIPTOR {
   bool pollEnable = false;
   bool autoDiscover = false;
 };
+
+// The interfaces that can be configured, in the order of their start.
+struct INTERFACE_ROW {
+  const char* name;
+  INTERFACE_DESCRIPTOR CONFIG_DESCRIPTOR::*settings;
+};
+
+constexpr INTERFACE_ROW kInterfaces[] = {
+    {"CAE", &CONFIG_DESCRIPTOR::cae},
+    {"IO", &CONFIG_DESCRIPTOR::io},
+    {"MON", &CONFIG_DESCRIPTOR::mon},
+};
+
+constexpr char kRootElement[] = "TALPConfig";
+constexpr char kInterfacesElement[] = "Interfaces";
+constexpr std::size_t kMaxEntries = 4;  // further entries below `Interfaces` are not read
+
+// In place of the name of an entry below `Interfaces`, which is free.
+constexpr char kEntry[] = "*";
+
+struct SETTING {
+  const char* element;  // a child of the root, or kEntry
+  const char* attribute;
+};
+
+// All attributes that are read. Any thread.
+std::vector<SETTING> AllSettings();
 
 // Reads the XML document at `path`. Never throws. A document that cannot be loaded gives all
 // defaults and kConfigLoadError. A refused port ends the reading with an error text of its own; the

@@ -4,12 +4,11 @@
 #include <unistd.h>
 
 #include "core/logger.h"
+#include "core/paths.h"
 #include "core/talp.h"
 #include "thread/shared.h"
 
 namespace {
-
-constexpr char kPidFile[] = "/var/run/talp/talp.pid";
 
 // For the handler. Never freed: a signal can arrive until the process ends.
 SHARED<int>* pSignalFlag = nullptr;

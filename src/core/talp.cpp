@@ -4,10 +4,10 @@
 #include <unistd.h>
 
 #include "core/byte_list.h"
+#include "core/log_texts.h"
+#include "core/paths.h"
 
 namespace {
-
-constexpr char kConfigFile[] = "/etc/talp/talpconf.xml";
 
 // Reported to syslog, because the log file's name is in the configuration that was not read.
 void ReportLoadError() {
@@ -41,7 +41,7 @@ bool TALP::InitProgramData() {
   masterDelay_ = config_.threadDelay;
   logger_.fileName = config_.logFile;
   logger_.level = config_.logLevel;
-  logger_.LOG(kInfo, "talp is started", kLogLevel);
+  logger_.LOG(kInfo, kLogStarted, kLogLevel);
   if (config_.errorText != kNoConfigError) {
     logger_.LOG(kError, config_.errorText, kLogLevel);
     logger_.LOG(kInfo, "talp is stopped with error", kLogLevel);

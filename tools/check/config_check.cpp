@@ -12,24 +12,17 @@
 #include <pugixml.hpp>
 
 #include "core/byte_list.h"
+#include "core/logger.h"
+#include "core/speed.h"
 
 namespace check {
 
 namespace {
 
 constexpr long kHighestPort = 65535;
-constexpr long kHighestWrittenLevel = 1;  // all lines of the daemon are of this level
-constexpr long kLowestPercent = 1;
-constexpr long kHighestPercent = 100;
-constexpr std::size_t kMaxEntries = 4;
-
-// In place of an element name in the rules: the entries below Interfaces, whose names are free.
-constexpr char kEntry[] = "*";
 
 // Each takes a value and returns what is wrong with it, or an empty text.
 using COMPLAINT = std::string (*)(const std::string& value);
-
-std::string NoComplaint(const std::string&) { return {}; }
 
 std::string NumberComplaint(const std::string& value) {
   char* end = nullptr;
@@ -39,24 +32,24 @@ std::string NumberComplaint(const std::string& value) {
 }
 
 std::string LoglevelComplaint(const std::string& value) {
-  if (ATOL(value) <= kHighestWrittenLevel) return {};
+  if (ATOL(value) <= kLogLevel) return {};
   return "keeps every line out of the log; write 1";
 }
 
 std::string PercentComplaint(const std::string& value) {
   const long percent = ATOL(value);
-  if (percent >= kLowestPercent && percent <= kHighestPercent) return {};
+  if (percent >= kSlowestPercent && percent <= kFastestPercent) return {};
   return "is not in 1 to 100, where 1 is the slowest and 100 the fastest";
 }
 
 std::string SwitchComplaint(const std::string& value) {
-  const std::array<const char*, 6> known = {"True", "true", "TRUE", "False", "false", "FALSE"};
-  if (std::find(known.begin(), known.end(), value) != known.end()) return {};
+  if (ATOB(value) || value == "False" || value == "false" || value == "FALSE") return {};
   return "counts as False; write True or False";
 }
 
 std::string NameComplaint(const std::string& value) {
-  if (value == "CAE" || value == "IO" || value == "MON") return {};
+  const auto isIt = [&](const INTERFACE_ROW& row) { return value == row.name; };
+  if (std::any_of(std::begin(kInterfaces), std::end(kInterfaces), isIt)) return {};
   return "is not CAE, IO or MON, so this interface is ignored";
 }
 
@@ -99,7 +92,7 @@ struct ATTRIBUTE_RULE {
   COMPLAINT complaint;
 };
 
-// All attributes that the daemon reads; those with more than one rule stand in several rows.
+// An attribute with more than one rule stands in several rows, one that takes any value in none.
 const ATTRIBUTE_RULE kAttributeRules[] = {
     {"Debuglog", "File", Warning, LogFileComplaint},
     {"Debuglog", "Loglevel", Warning, NumberComplaint},
@@ -110,13 +103,23 @@ const ATTRIBUTE_RULE kAttributeRules[] = {
     {"AutoDiscover", "Action", Warning, SwitchComplaint},
     {kEntry, "Name", Warning, NameComplaint},
     {kEntry, "InpSeparator", Warning, EmptyComplaint},
-    {kEntry, "OutSeparator", Warning, NoComplaint},
     {kEntry, "Port", Warning, NumberComplaint},
     {kEntry, "Port", Error, HighPortComplaint},
 };
 
-const std::array<const char*, 5> kElements = {"Debuglog", "Speed", "InitPollState", "AutoDiscover",
-                                              "Interfaces"};
+bool IsReadElement(const std::string& name) {
+  const std::vector<SETTING> all = AllSettings();
+  return name == kInterfacesElement ||
+         std::any_of(all.begin(), all.end(),
+                     [&](const SETTING& setting) { return name == setting.element; });
+}
+
+bool IsReadAttribute(const std::string& element, const std::string& attribute) {
+  const std::vector<SETTING> all = AllSettings();
+  return std::any_of(all.begin(), all.end(), [&](const SETTING& setting) {
+    return element == setting.element && attribute == setting.attribute;
+  });
+}
 
 std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
@@ -140,7 +143,7 @@ class CONFIG_WALK {
   void WalkEntries(const pugi::xml_node& interfaces);
   void WalkEntry(const pugi::xml_node& entry, std::size_t index);
   void WalkAttributes(const pugi::xml_node& element, const char* ruleName);
-  bool ApplyRules(const pugi::xml_node& element, const char* ruleName,
+  void ApplyRules(const pugi::xml_node& element, const char* ruleName,
                   const pugi::xml_attribute& attribute);
   void LookForText(const pugi::xml_node& element);
   void LookForElements(const pugi::xml_node& element);
@@ -164,7 +167,7 @@ class CONFIG_WALK {
 
 FINDINGS CONFIG_WALK::Run() {
   if (!Load()) return findings_;
-  const pugi::xml_node root = document_.child("TALPConfig");
+  const pugi::xml_node root = document_.child(kRootElement);
   if (!root) {
     Add(Error, "there is no root element TALPConfig, so nothing in this file is read");
     return findings_;
@@ -204,11 +207,11 @@ void CONFIG_WALK::WalkRoot(const pugi::xml_node& root) {
 
 void CONFIG_WALK::WalkElement(const pugi::xml_node& element) {
   const std::string name = element.name();
-  if (std::find(kElements.begin(), kElements.end(), name) == kElements.end()) {
+  if (!IsReadElement(name)) {
     Add(Warning, element, "the element " + name + " is not known and has no effect");
     return;
   }
-  if (name == "Speed" && Seen("Interfaces")) {
+  if (name == "Speed" && Seen(kInterfacesElement)) {
     Add(Warning, element,
         "Speed stands after Interfaces and does not reach them; move it before Interfaces");
   }
@@ -218,7 +221,7 @@ void CONFIG_WALK::WalkElement(const pugi::xml_node& element) {
   seen_.push_back(name);
   WalkAttributes(element, element.name());
   LookForText(element);
-  if (name == "Interfaces") {
+  if (name == kInterfacesElement) {
     WalkEntries(element);
   } else {
     LookForElements(element);
@@ -251,28 +254,27 @@ void CONFIG_WALK::WalkEntry(const pugi::xml_node& entry, std::size_t index) {
 
 void CONFIG_WALK::WalkAttributes(const pugi::xml_node& element, const char* ruleName) {
   for (const pugi::xml_attribute& attribute : element.attributes()) {
-    if (ApplyRules(element, ruleName, attribute)) continue;
-    Add(Warning, element,
-        std::string("the attribute ") + attribute.name() + " of " + element.name() +
-            " is not known and has no effect");
+    if (IsReadAttribute(ruleName, attribute.name())) {
+      ApplyRules(element, ruleName, attribute);
+    } else {
+      Add(Warning, element,
+          std::string("the attribute ") + attribute.name() + " of " + element.name() +
+              " is not known and has no effect");
+    }
   }
 }
 
-// False if there is no rule for the attribute.
-bool CONFIG_WALK::ApplyRules(const pugi::xml_node& element, const char* ruleName,
+void CONFIG_WALK::ApplyRules(const pugi::xml_node& element, const char* ruleName,
                              const pugi::xml_attribute& attribute) {
-  bool known = false;
   const std::string value = attribute.value();
   for (const ATTRIBUTE_RULE& rule : kAttributeRules) {
     if (std::string(rule.element) != ruleName) continue;
     if (std::string(rule.attribute) != attribute.name()) continue;
-    known = true;
     const std::string complaint = rule.complaint(value);
     if (complaint.empty()) continue;
     Add(rule.severity, element,
         std::string(element.name()) + " " + rule.attribute + " " + Quoted(value) + " " + complaint);
   }
-  return known;
 }
 
 void CONFIG_WALK::LookForText(const pugi::xml_node& element) {
@@ -356,8 +358,12 @@ void CONFIG_WALK::Add(Severity severity, const std::string& text) {
 
 FINDINGS CheckConfig(const std::string& path) { return CONFIG_WALK(path).Run(); }
 
-std::array<NAMED_INTERFACE, 3> InterfacesOf(const CONFIG_DESCRIPTOR& config) {
-  return {{{"CAE", &config.cae}, {"IO", &config.io}, {"MON", &config.mon}}};
+std::vector<NAMED_INTERFACE> InterfacesOf(const CONFIG_DESCRIPTOR& config) {
+  std::vector<NAMED_INTERFACE> interfaces;
+  for (const INTERFACE_ROW& row : kInterfaces) {
+    interfaces.push_back({row.name, &(config.*row.settings)});
+  }
+  return interfaces;
 }
 
 bool Listens(const NAMED_INTERFACE& named) { return named.interface->port != 0; }

@@ -1,8 +1,8 @@
 #ifndef CHECK_CONFIG_CHECK_H
 #define CHECK_CONFIG_CHECK_H
 
-#include <array>
 #include <string>
+#include <vector>
 
 #include "check/findings.h"
 #include "core/config.h"
@@ -20,7 +20,7 @@ struct NAMED_INTERFACE {
 };
 
 // The interfaces that the daemon builds, in the order of their start.
-std::array<NAMED_INTERFACE, 3> InterfacesOf(const CONFIG_DESCRIPTOR& config);
+std::vector<NAMED_INTERFACE> InterfacesOf(const CONFIG_DESCRIPTOR& config);
 
 // False if the configuration leaves the interface out, or gives it no port.
 bool Listens(const NAMED_INTERFACE& named);

@@ -5,6 +5,7 @@
 
 #include "check/config_check.h"
 #include "check/running_check.h"
+#include "core/paths.h"
 
 namespace {
 
@@ -29,7 +30,7 @@ constexpr char kFooter[] =
     "  sudo talp-check running";
 
 struct OPTIONS {
-  std::string file = "/etc/talp/talpconf.xml";
+  std::string file = kConfigFile;
   int wait = 6;  // seconds
   bool strict = false;
 };

@@ -15,31 +15,32 @@
 #include "check/config_check.h"
 #include "check/process_view.h"
 #include "core/config.h"
+#include "core/log_texts.h"
+#include "core/paths.h"
 
 namespace check {
 
 namespace {
 
-constexpr char kPidFile[] = "/var/run/talp/talp.pid";
 constexpr char kDaemonName[] = "talp";
 constexpr char kAdapters[] = "/dev/ttyUSB*";
 constexpr std::chrono::milliseconds kRetryPause(100);
 constexpr std::streamoff kLogTail = 65536;  // bytes; hours of the daemon's retries
 
 struct LOG_RULE {
-  const char* words;  // as the daemon logs them
+  const char* words;
   Severity severity;
   const char* advice;
 };
 
 const LOG_RULE kLogRules[] = {
-    {"hardware found on ", Fine, ""},
-    {"try to catch hardware on ", Fine, ""},
-    {"ttyUSB devices couldn't be found", Warning, "plug the adapter in; talp finds it by itself"},
-    {"unable to  open ", Warning, "see that talp's user may use the adapter"},
-    {"unable to  write to ", Warning, "see that the adapter is still plugged in"},
-    {"from tcsetattr", Warning, "this serial adapter cannot do 460800 baud"},
-    {"comm timeout ", Warning,
+    {kLogFound, Fine, ""},
+    {kLogTrying, Fine, ""},
+    {kLogNoAdapter, Warning, "plug the adapter in; talp finds it by itself"},
+    {kLogCannotOpen, Warning, "see that talp's user may use the adapter"},
+    {kLogCannotWrite, Warning, "see that the adapter is still plugged in"},
+    {kLogCannotSetUp, Warning, "this serial adapter cannot do 460800 baud"},
+    {kLogTimeout, Warning,
      "the card bus does not answer: see to its power and cable, and that no other program, such "
      "as ModemManager, uses the adapter"},
 };
@@ -68,7 +69,7 @@ std::string LastAdapterLine(const std::string& path) {
   log.seekg(std::max<std::streamoff>(0, log.tellg() - kLogTail));
   std::string last;
   for (std::string line; std::getline(log, line);) {
-    if (line.find("] talp is started") != std::string::npos) last.clear();
+    if (line.find(std::string("] ") + kLogStarted) != std::string::npos) last.clear();
     if (RuleFor(line) != nullptr) last = line;
   }
   return last;
