@@ -25,15 +25,15 @@ struct PERIFCARD {
   char name[40] = {};
   unsigned char blockState[kBlockCount] = {};    // last input (or average), or last value written
   bool changeFlag[kBlockCount] = {};             // changed with the latest input answer
-  unsigned char pioAnswer[kPioAnswerSize] = {};  // latest direct answer: 'Q', address, data
+  unsigned char pioAnswer[kPioAnswerSize] = {};  // latest direct answer: code, address, data
   bool pollEnabled = false;
   int analogSum[kAnalogueChannels] = {};
   int sampleCount = 0;
   int samplesPerAverage = 0;
   BYTE_LIST pollFrame;
 
-  // Resets the record to "EMPTY". `address`, `pioAnswer` and `sampleCount` are not changed, so the
-  // next analogue average after a clear divides fewer samples by the full count and is too low.
+  // Resets the record to "EMPTY", but for `address`, `pioAnswer` and, which is fixed
+  // (docs/architecture.md), `sampleCount`: an average that a clear interrupts is too low.
   void clearPerifCard();
 
   // To be called before a direct command, so that an old answer is not taken for the new one.
@@ -58,7 +58,7 @@ void ApplyDirectAnswer(const REPLY& answer, PERIFCARD* card);
 // answer that is too short for the card's kind. Returns whether it has set a flag.
 bool ApplyInputAnswer(const REPLY& answer, PERIFCARD* card);
 
-// "a%Xb%Xd%02X": the line that reports the state of an input block to IO clients.
+// "a3b0d40": the line that reports the state of an input block to IO clients.
 std::string InputLine(int address, int block, unsigned char state);
 
 // The input lines of all blocks of the card at `address` whose change flag is set, in block order.

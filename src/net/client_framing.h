@@ -13,6 +13,9 @@
 constexpr char kFarewell[] = "TALP: Bye Bye...";
 constexpr int kFarewellPause = 1;  // seconds
 
+// What one read yields, at most so many bytes, is one message.
+constexpr std::size_t kClientReadSize = 255;
+
 enum class FramingMode : int {
   LengthPrefixed = 1,  // a length byte and that many bytes
   Text = 2             // in: the bytes up to the first NUL; out: the bytes and a carriage return

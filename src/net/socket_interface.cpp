@@ -18,7 +18,6 @@
 
 namespace {
 
-constexpr std::size_t kReadSize = 255;
 constexpr int kBacklog = 1;
 constexpr int kAcceptPause = 3;          // seconds
 constexpr int kReopenPause = 2;          // seconds
@@ -26,7 +25,7 @@ constexpr unsigned kStartPause = 50000;  // 5 ms
 constexpr unsigned kParkPause = 5000;    // 0.5 ms
 
 // Dotted address and port. The port is printed without conversion from network byte order, so on a
-// little-endian machine port 50000 is logged as 20675. That is fixed: see docs/architecture.md.
+// little-endian machine port 50000 is logged as 20675. Fixed, see docs/architecture.md.
 std::string PeerText(const sockaddr_in& peer) {
   char address[INET_ADDRSTRLEN] = "";
   inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address);
@@ -109,11 +108,10 @@ bool SOCKET_INTERFACE::Listen(int reopenCounter) {
   return KeepListener(std::move(listener), reopenCounter);
 }
 
-// The blank that is missing after "for" is part of the texts, which programs look for in the log.
 FILE_DESCRIPTOR SOCKET_INTERFACE::OpenListener() {
   FILE_DESCRIPTOR listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!listener.IsOpen()) {
-    LogInterface(kError, "couldn't open socket for");
+    LogInterface(kError, "couldn't open socket for");  // no blank: fixed, see architecture.md
     return listener;
   }
   const int on = 1;
@@ -189,7 +187,7 @@ bool SOCKET_INTERFACE::ReceiveFromClient() {
     return true;
   }
   if ((events & (POLLIN | POLLHUP | POLLERR)) == 0) return true;
-  char bytes[kReadSize];
+  char bytes[kClientReadSize];
   const ssize_t count = read(client_.Number(), bytes, sizeof bytes);
   if (count > 0) {
     inputQueue_->ToQueue(DecodeInbound(framingMode_, bytes, static_cast<std::size_t>(count)));

@@ -152,8 +152,8 @@ void CThread::Stop() {
   running_ = false;
   stopRequested_ = true;
   const bool interval = threadType_ == ThreadType_t::IntervalDriven;
-  // An interval-driven thread needs no event to stop. The fault that such an event is gets recorded
-  // all the same, in ErrorFlags.
+  // An interval-driven thread is sent no event: it checks `running_` before every pass. Its
+  // ErrorFlags show one that was refused all the same. Fixed, see docs/architecture.md.
   if (interval && alive) SetFault(kErrorIllegalEvent);
   const bool byItself = alive && threadId_ == pthread_self();
   lock_.Unlock();
