@@ -42,16 +42,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       if (cardAnswers % 4 > 0) ApplyDirectAnswer(answer, &card);
     }
   };
-  CAE_CONSOLE console({&table,
-                       &answers,
-                       &bus,
-                       &cardInput,
-                       &polling,
-                       {&delay, &delay, &delay, &delay, &delay},
-                       separator,
-                       "~",
-                       wait,
-                       [] {}});
+  CAE_CONTEXT context;
+  context.cards = &table;
+  context.answers = &answers;
+  context.busCommands = &bus;
+  context.cardInput = &cardInput;
+  context.globalPolling = &polling;
+  context.delays.fill(&delay);
+  context.inpSeparator = separator;
+  context.outSeparator = "~";
+  context.wait = wait;
+  context.closeClient = [] {};
+  CAE_CONSOLE console(context);
   while (!input.Empty()) {
     waits = 0;
     console.Execute(Text(&input, input.Byte()));

@@ -14,17 +14,17 @@
 constexpr std::size_t kMaxPayloadSize = 255;  // the highest value of the length byte
 constexpr std::size_t kMaxReplySize = 131;    // the longest reply payload that is accepted
 
-// Command bytes, the first payload byte of a request.
-constexpr char kDiscoveryCommand = '0';
-constexpr char kHandshakeCommand = '@';
+// The codes stand in docs/card-bus.md. Command bytes, the first payload byte of a request:
+constexpr char kDiscoveryCommand = 0x30;
+constexpr char kHandshakeCommand = 0x40;
 constexpr char kSetOutputsCommand = 0x10;
 constexpr char kPollCommand = 0x20;
 constexpr char kDirectCommand = 0x50;
 
-// Reply codes, the first payload byte of a reply.
-constexpr char kDiscoveryAnswer = '1';
-constexpr char kInputAnswer = '!';
-constexpr char kDirectAnswer = 'Q';
+// Reply codes, the first payload byte of a reply. GetQListError knows those that mean an error.
+constexpr char kDiscoveryAnswer = 0x31;
+constexpr char kInputAnswer = 0x21;
+constexpr char kDirectAnswer = 0x51;
 
 // The payload of a reply, for access by index. The first byte is the reply code.
 using REPLY = std::vector<unsigned char>;

@@ -73,6 +73,12 @@ unsigned char Convert_HexStr2Byte(const std::string& text) {
   return HexNum2Byte(text[0], text[1]);
 }
 
+std::string HexText(unsigned value, int digits) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%.*X", digits, value);
+  return text;
+}
+
 void PrintBuffer(const char* buffer, int length) {
   std::printf("Buffer content: ");
   PrintBytes(buffer, length);
@@ -92,17 +98,17 @@ void PrintQList(const BYTE_LIST& list) {
 int GetQListError(const BYTE_LIST& reply) {
   if (reply.empty()) return 5;
   switch (reply.front()) {
-    case 'T':
+    case 0x54:
       return kReplyTimeout;
     case 0x12:
       return 2;
-    case '#':
-    case '$':
+    case 0x23:
+    case 0x24:
       return 3;
-    case 'N':
+    case 0x4E:
       return 4;
-    case 'B':
-    case 'C':
+    case 0x42:
+    case 0x43:
       return 6;
     default:
       return kReplyGood;

@@ -54,6 +54,9 @@ unsigned char HexNum2Byte(char high, char low);
 // empty text as 0.
 unsigned char Convert_HexStr2Byte(const std::string& text);
 
+// `value` in upper-case hexadecimal digits, with leading zeros up to so many `digits`.
+std::string HexText(unsigned value, int digits);
+
 // Development aids: dump bytes to standard output as "A:65|.:13|" and a line end.
 void PrintBuffer(const char* buffer, int length);
 void PrintBufferID(const char* buffer, int length, const char* label);

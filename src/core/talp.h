@@ -13,6 +13,7 @@
 #include "thread/shared.h"
 
 class CAE_CONSOLE;
+struct CAE_CONTEXT;
 
 constexpr int kNoSignal = -1;  // the signal flag before the first signal
 
@@ -45,6 +46,7 @@ class TALP {
   void LogStart(const char* parameter, const std::string& value);
   std::unique_ptr<SOCKET_INTERFACE> StartInterface(const INTERFACE_DESCRIPTOR& descriptor,
                                                    TLQUEUE* inputQueue);
+  CAE_CONTEXT ConsoleContext();
   bool StopSignalled();
   void ForwardCardInput();
   void HandleIoMessage();

@@ -1,6 +1,8 @@
 #include "master/cae_card_commands.h"
 
-#include <cstdio>
+#include <cstddef>
+#include <cstring>
+#include <utility>
 
 #include "bus/frame.h"
 #include "core/byte_list.h"
@@ -11,12 +13,6 @@ namespace {
 constexpr unsigned char kStateOn = 0xFF;
 constexpr unsigned char kStateOff = 0x00;
 constexpr int kAnswerValueAt = 3;  // the byte of a direct answer that holds the value
-
-std::string Hex(int digits, unsigned value) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%.*X", digits, value);
-  return text;
-}
 
 // The arguments of one line, as typed. Those that are not in the line are empty.
 struct ARGUMENTS {
@@ -69,37 +65,21 @@ BYTE_LIST Payload(const CARD_COMMAND& command, const ARGUMENTS& arguments,
   return payload;
 }
 
-std::string Placeholder(char name, const ARGUMENTS& arguments, unsigned char answerValue) {
-  switch (name) {
-    case 'x':
-      return arguments.address;
-    case 'a':
-      return Hex(1, DigitOf(arguments.address));
-    case 's':
-      return arguments.value == "OF" ? "OFF" : arguments.value;
-    case 'v':
-      return Hex(2, TwoDigitsOf(arguments.value));
-    case 'p':
-      return arguments.set;
-    case 'c':
-      return arguments.channel;
-    case 'n':
-      return ITOA(DigitOf(arguments.channel));
-    default:
-      return Hex(2, answerValue);
-  }
-}
-
-std::string SuccessLine(const char* pattern, const ARGUMENTS& arguments,
-                        unsigned char answerValue) {
-  std::string line;
-  for (const char* at = pattern; *at != '\0'; ++at) {
-    if (*at != '{') {
-      line.push_back(*at);
-      continue;
-    }
-    line += Placeholder(at[1], arguments, answerValue);
-    at += 2;  // to the closing brace
+// The arguments are too short to look like a placeholder.
+std::string SuccessLine(std::string line, const ARGUMENTS& arguments, unsigned char answer) {
+  const std::pair<const char*, std::string> texts[] = {
+      {"{typed}", arguments.address},
+      {"{address}", HexText(DigitOf(arguments.address), 1)},
+      {"{state}", arguments.value == "OF" ? "OFF" : arguments.value},
+      {"{value}", HexText(TwoDigitsOf(arguments.value), 2)},
+      {"{set}", arguments.set},
+      {"{channel}", arguments.channel},
+      {"{number}", ITOA(DigitOf(arguments.channel))},
+      {"{answer}", HexText(answer, 2)},
+  };
+  for (const auto& [placeholder, text] : texts) {
+    const std::size_t at = line.find(placeholder);
+    if (at != std::string::npos) line.replace(at, std::strlen(placeholder), text);
   }
   return line;
 }

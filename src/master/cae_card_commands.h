@@ -27,11 +27,13 @@ struct PAYLOAD_BYTE {
 enum class CARD_ACCESS : unsigned char { kWrite = 0x01, kRead = 0x40 };
 
 // A console command that sends one request to one card. The payload starts with the direct
-// command, the address and `access`. Placeholders of the success lines:
-//   {x} the address as typed       {a} the address in hexadecimal
-//   {s} the state as shown         {v} the value after '=', two hexadecimal digits
-//   {p} two places before ':'      {c} the character before ':', as typed
-//   {n} {c} as a decimal number    {r} the value in the card's answer, two hexadecimal digits
+// command, the address and `access`. Placeholders of the
+// success lines, each at most once in a line:
+//   {typed}    the address as typed       {address} the address in hexadecimal
+//   {state}    the state as shown         {value}   the value after '=', two hexadecimal digits
+//   {set}      two places before ':'      {channel} the character before ':', as typed
+//   {number}   {channel} in decimal       {answer}  the value in the card's answer, two
+//                                                   hexadecimal digits
 struct CARD_COMMAND {
   std::optional<KIND_CODE> kind;  // none: the command is for every kind
   const char* kindError;

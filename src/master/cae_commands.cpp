@@ -1,7 +1,6 @@
 #include "master/cae_commands.h"
 
 #include <cstddef>
-#include <cstdio>
 #include <iterator>
 #include <optional>
 #include <variant>
@@ -24,9 +23,7 @@ void AnswerLines(const std::vector<std::string>& lines, const CAE_CONTEXT& conso
 
 // "DTI:0x3:text" and the like.
 std::string TableLine(const char* key, int address, const std::string& text) {
-  char line[80];
-  std::snprintf(line, sizeof line, "%s:0x%X:%s", key, static_cast<unsigned>(address), text.c_str());
-  return line;
+  return std::string(key) + ":0x" + HexText(static_cast<unsigned>(address), 1) + ":" + text;
 }
 
 // One line for every address, with the text of `describe`; no line if that is empty.
@@ -200,7 +197,7 @@ constexpr PAYLOAD_BYTE ServoSet(unsigned char baseA, unsigned char baseB) {
 constexpr char kLcdOnly[] = "CIE: THIS COMMAND IS VALID FOR LCD CONTROL CARD ONLY";
 constexpr char kAnalogOnly[] = "CIE: THIS COMMAND IS VALID ON ANALOG INPUT CARD ONLY";
 constexpr char kServoOnly[] = "CIE: THIS COMMAND IS VALID ON SERVO CONTROLLER CARD ONLY";
-// LEGAL where the others say VALID is fixed: see docs/architecture.md.
+// LEGAL is fixed, see docs/architecture.md.
 constexpr char kServoLegal[] = "CIE: THIS COMMAND IS LEGAL ON SERVO CONTROLLER CARD ONLY";
 constexpr char kMotorOnly[] = "CIE: THIS COMMAND IS VALID ON DC MOTOR CONTROLLER CARD ONLY";
 
@@ -212,46 +209,46 @@ constexpr COMMAND kCommands[] = {
     {"DRVVER", kWhole, ShowVersion},
     {"LCDSELFTEST:", kWithArguments, CARD_COMMAND{
         kKindLcd, kLcdOnly, kWrite, {Literal(0x01), kState},
-        {"CIA: SELFTEST STATE IS SET TO {s} at address {x}"}, "CIE: STATE WRITE ERROR"}},
+        {"CIA: SELFTEST STATE IS SET TO {state} at address {typed}"}, "CIE: STATE WRITE ERROR"}},
     {"LCDINITLIGHT:", kWithArguments, CARD_COMMAND{
         kKindLcd, kLcdOnly, kWrite, {Literal(0x02), kState},
-        {"CIA: INITLIGHT STATE IS SET TO {s} at address {x}"}, "CIE: STATE WRITE ERROR"}},
+        {"CIA: INITLIGHT STATE IS SET TO {state} at address {typed}"}, "CIE: STATE WRITE ERROR"}},
     {"REBOOT:", kWithArguments, CARD_COMMAND{
         std::nullopt, "", kWrite, {Literal(0xAB)},
-        {"CIA: Card is REBOOTED", "RBT:0x{a}:OK"}, "CIE: BUS WRITE ERROR"}},
+        {"CIA: Card is REBOOTED", "RBT:0x{address}:OK"}, "CIE: BUS WRITE ERROR"}},
     {"SETANMASK:", kWithArguments, CARD_COMMAND{
         kKindAnalogueInput, kAnalogOnly, kWrite, {Literal(0x01), kValue},
-        {"CIA: Channel MASK of the card is SET", "AMS:0x{a}:0x{v}"}, "CIE: MASK WRITE ERROR"}},
+        {"CIA: Channel MASK of the card is SET", "AMS:0x{address}:0x{value}"}, "CIE: MASK WRITE ERROR"}},
     {"GETANMASK:", kWithArguments, CARD_COMMAND{
         kKindAnalogueInput, kAnalogOnly, kRead, {Literal(0x01)},
-        {"CIA: MASK is GOT from card", "AMV:0x{a}:0x{r}"}, "CIE: MASK READ ERROR"}},
+        {"CIA: MASK is GOT from card", "AMV:0x{address}:0x{answer}"}, "CIE: MASK READ ERROR"}},
     {"STOREANMASK:", kWithArguments, CARD_COMMAND{
         kKindAnalogueInput, kAnalogOnly, kWrite, {Literal(0x02)},
-        {"CIA: MASK IS STORED at address {x}"}, "CIE: MASK STORE ERROR"}},
+        {"CIA: MASK IS STORED at address {typed}"}, "CIE: MASK STORE ERROR"}},
     {"STORESRVPOS:", kWithArguments, CARD_COMMAND{
         kKindServo, kServoOnly, kWrite, {Literal(0x74)},
-        {"CIA: POSITIONS ARE STORED at address {x}"}, "CIE: POSITION STORING ERROR"}},
+        {"CIA: POSITIONS ARE STORED at address {typed}"}, "CIE: POSITION STORING ERROR"}},
     {"MOVESTRPOS:", kWithArguments, CARD_COMMAND{
         kKindServo, kServoLegal, kWrite, {Literal(0x3F)},
-        {"CIA: SERVOS ARE MOVED TO STORED POSITIONS at address {x}"},
+        {"CIA: SERVOS ARE MOVED TO STORED POSITIONS at address {typed}"},
         "CIE: POSITIONS MOVING ERROR"}},
     {"SETSC", kWithArguments, CARD_COMMAND{
         kKindServo, kServoOnly, kWrite, {ServoSet(0xC0, 0xD0), kValue},
-        {"CIA: SERVO PARAM of the card is SET", "SPS:0x{a}:SC{p}{c}:0x{v}"},
+        {"CIA: SERVO PARAM of the card is SET", "SPS:0x{address}:SC{set}{channel}:0x{value}"},
         "CIE: PARAM WRITE ERROR"}},
     {"GETSC", kWithArguments, CARD_COMMAND{
         kKindServo, kServoOnly, kRead, {ServoSet(0x21, 0x27)},
-        {"CIA: SERVO PARAM is GOT from card", "SPG:0x{a}:SC{p}{c}:0x{r}"},
+        {"CIA: SERVO PARAM is GOT from card", "SPG:0x{address}:SC{set}{channel}:0x{answer}"},
         "CIE: PARAM READ ERROR"}},
     {"SETMSR", kWithArguments, CARD_COMMAND{
         kKindMotor, kMotorOnly, kWrite, {Channel(0xC0), kValue},
-        {"CIA: MSR value of the card is SET", "MPS:0x{a}:MSR{c}:0x{v}"}, "CIE: PARAM WRITE ERROR"}},
+        {"CIA: MSR value of the card is SET", "MPS:0x{address}:MSR{channel}:0x{value}"}, "CIE: PARAM WRITE ERROR"}},
     {"GETMSR", kWithArguments, CARD_COMMAND{
         kKindMotor, kMotorOnly, kRead, {Channel(0x01)},
-        {"CIA: MSR value is GOT from card", "MSR{n}:0x{a}:0x{r}"}, "CIE: PARAM READ ERROR"}},
+        {"CIA: MSR value is GOT from card", "MSR{number}:0x{address}:0x{answer}"}, "CIE: PARAM READ ERROR"}},
     {"STOREMSRS", kWithArguments, CARD_COMMAND{
         kKindMotor, kMotorOnly, kWrite, {Literal(0xCD)},
-        {"CIA: MSR values are STORED at address {x}"}, "CIE: MSR STORING ERROR"}},
+        {"CIA: MSR values are STORED at address {typed}"}, "CIE: MSR STORING ERROR"}},
     {"POLLON:", kWithArguments, PollOn},
     {"POLLOFF:", kWithArguments, PollOff},
     {"ENABLEPOLL", kWhole, EnablePoll},

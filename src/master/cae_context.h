@@ -12,12 +12,12 @@
 
 // What the commands of the console work on. All pointers must outlive the console.
 struct CAE_CONTEXT {
-  CARD_TABLE* cards;
-  TLQUEUE* answers;      // to the console's client
-  TLQUEUE* busCommands;  // request payloads for the card bus
-  TLQUEUE* cardInput;    // input lines for IO clients
-  SHARED<bool>* globalPolling;
-  std::array<SHARED<int>*, 5> delays;  // of every loop, in microseconds
+  CARD_TABLE* cards = nullptr;
+  TLQUEUE* answers = nullptr;      // to the console's client
+  TLQUEUE* busCommands = nullptr;  // request payloads for the card bus
+  TLQUEUE* cardInput = nullptr;    // input lines for IO clients
+  SHARED<bool>* globalPolling = nullptr;
+  std::array<SHARED<int>*, 5> delays{};  // of every loop, in microseconds
   std::string inpSeparator;
   std::string outSeparator;
   std::function<void(int seconds)> wait;

@@ -114,10 +114,8 @@ bool ApplyInputAnswer(const REPLY& answer, PERIFCARD* card) {
 }
 
 std::string InputLine(int address, int block, unsigned char state) {
-  char line[16];
-  std::snprintf(line, sizeof line, "a%Xb%Xd%02X", static_cast<unsigned>(address),
-                static_cast<unsigned>(block), static_cast<unsigned>(state));
-  return line;
+  return "a" + HexText(static_cast<unsigned>(address), 1) + "b" +
+         HexText(static_cast<unsigned>(block), 1) + "d" + HexText(state, 2);
 }
 
 std::vector<std::string> ChangedInputLines(int address, const PERIFCARD& card) {

@@ -22,20 +22,26 @@ bool HasClient(const SOCKET_INTERFACE& interface) {
 
 }  // namespace
 
+CAE_CONTEXT TALP::ConsoleContext() {
+  CAE_CONTEXT context;
+  context.cards = &cards_;
+  context.answers = &cae_->outputQueue;
+  context.busCommands = &serial_->busQueues[kBusCommandQueue];
+  context.cardInput = &cardInput_;
+  context.globalPolling = &serial_->globalPolling;
+  context.delays = {&masterDelay_, &serial_->threadDelay, &cae_->descriptor.delay,
+                    &io_->descriptor.delay, &mon_->descriptor.delay};
+  context.inpSeparator = cae_->descriptor.inpSeparator;
+  context.outSeparator = cae_->descriptor.outSeparator;
+  context.wait = sleepsec;
+  context.closeClient = [this] { cae_->CloseByCommand(); };
+  return context;
+}
+
 // Each cycle takes at most one item of each stream, always in this order, so the delay limits the
 // throughput of all of them. While a console command waits for a card, the other streams wait too.
 void TALP::MasterThread() {
-  CAE_CONSOLE console({&cards_,
-                       &cae_->outputQueue,
-                       &serial_->busQueues[kBusCommandQueue],
-                       &cardInput_,
-                       &serial_->globalPolling,
-                       {&masterDelay_, &serial_->threadDelay, &cae_->descriptor.delay,
-                        &io_->descriptor.delay, &mon_->descriptor.delay},
-                       config_.cae.inpSeparator,
-                       config_.cae.outSeparator,
-                       sleepsec,
-                       [this] { cae_->CloseByCommand(); }});
+  CAE_CONSOLE console(ConsoleContext());
   for (;;) {
     PauseMicroseconds(masterDelay_);
     if (StopSignalled()) return;
@@ -62,7 +68,7 @@ void TALP::ForwardCardInput() {
   if (cardInput_.IsEmpty()) return;
   BYTE_LIST line = cardInput_.DeQueue();
   if (!HasClient(*io_)) return;
-  Append(config_.io.outSeparator, &line);
+  Append(io_->descriptor.outSeparator, &line);
   io_->outputQueue.ToQueue(line);
   if (HasClient(*mon_)) mon_->outputQueue.ToQueue(line);
 }
@@ -70,7 +76,7 @@ void TALP::ForwardCardInput() {
 void TALP::HandleIoMessage() {
   if (ioInput_.IsEmpty()) return;
   const BYTE_LIST message = ioInput_.DeQueue();
-  if (Convert_QList2String(message) == "EXIT" + config_.io.inpSeparator) {
+  if (Convert_QList2String(message) == "EXIT" + io_->descriptor.inpSeparator) {
     CloseIoClient();
     return;
   }
@@ -79,14 +85,14 @@ void TALP::HandleIoMessage() {
 }
 
 void TALP::CloseIoClient() {
-  io_->outputQueue.ToQueue(Convert_String2QList(kFarewell + config_.io.outSeparator));
+  io_->outputQueue.ToQueue(Convert_String2QList(kFarewell + io_->descriptor.outSeparator));
   sleepsec(kFarewellPause);
   io_->CloseByCommand();
 }
 
 int TALP::ParseOutCommand(const BYTE_LIST& message) {
   const std::string text = Convert_QList2String(message);
-  for (const std::string& command : SplitCommands(text, config_.io.inpSeparator)) {
+  for (const std::string& command : SplitCommands(text, io_->descriptor.inpSeparator)) {
     // The failure of one command does not stop the following ones. Errors are raised as integers;
     // no conversion raises one today.
     try {
@@ -114,7 +120,7 @@ void TALP::ExecuteIoCommand(const std::string& command) {
 
 // Queued even if the console has no client: the next client receives it.
 void TALP::ReportOnConsole(const std::string& error, const std::string& command) {
-  const std::string& separator = config_.cae.outSeparator;
+  const std::string& separator = cae_->descriptor.outSeparator;
   cae_->outputQueue.ToQueue(Convert_String2QList(error + command + separator));
   cae_->outputQueue.ToQueue(Convert_String2QList(">" + separator));
 }
