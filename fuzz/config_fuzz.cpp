@@ -42,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const check::FINDING& finding : check::CheckConfig(path)) {
     // Not one about the port of an entry that another one replaces, or that no interface takes.
     const bool ofAnyEntry = serves && finding.text.find("above 65535") != std::string::npos;
-    errors = errors || (finding.severity == check::Error && !ofAnyEntry);
+    errors = errors || (finding.severity == check::kError && !ofAnyEntry);
   }
   Require(errors != serves, "there are errors where the daemon does not serve, and only there");
   return 0;

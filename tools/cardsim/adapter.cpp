@@ -114,7 +114,7 @@ void ADAPTER::TakeFrame(const BYTES& frame) {
   const BYTES request(frame.begin() + 1, frame.end());
   const std::optional<BYTES> reply = bus_->Answer(request);
   if (!reply) return;
-  for (const PIECE& piece : faults_->Spoil(request, *reply)) {
+  for (const PIECE& piece : faults_->Corrupt(request, *reply)) {
     if (piece.delay.count() == 0) {
       Send(piece.bytes);
     } else {

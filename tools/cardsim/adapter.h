@@ -1,5 +1,5 @@
-#ifndef CARDSIM_ADAPTER_H
-#define CARDSIM_ADAPTER_H
+#ifndef TALP_TOOLS_CARDSIM_ADAPTER_H_
+#define TALP_TOOLS_CARDSIM_ADAPTER_H_
 
 #include <chrono>
 #include <map>
@@ -61,4 +61,4 @@ class ADAPTER {
   std::multimap<CLOCK::time_point, BYTES> latePieces_;
 };
 
-#endif
+#endif  // TALP_TOOLS_CARDSIM_ADAPTER_H_

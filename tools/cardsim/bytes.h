@@ -1,5 +1,5 @@
-#ifndef CARDSIM_BYTES_H
-#define CARDSIM_BYTES_H
+#ifndef TALP_TOOLS_CARDSIM_BYTES_H_
+#define TALP_TOOLS_CARDSIM_BYTES_H_
 
 #include <optional>
 #include <string>
@@ -26,4 +26,4 @@ WORDS SplitWords(const std::string& text);
 // The words with a blank before each.
 std::string JoinWords(const WORDS& words);
 
-#endif
+#endif  // TALP_TOOLS_CARDSIM_BYTES_H_

@@ -7,7 +7,6 @@
 
 namespace {
 
-constexpr unsigned char kDigitalOutput = 0x03;
 constexpr size_t kDisplayColumns = 20;
 
 std::string BlocksText(const char* label, const CARD::BLOCKS& blocks, size_t count) {
@@ -78,11 +77,11 @@ bool ReceiveIr(CARD& card, const BYTES& data, LINE_OUTPUT* out) {
 constexpr CARD_KIND kKinds[] = {
     {kDigitalOutput, "dout", 0, 2, 0xFF, ReceiveBlocks},
     {0x04, "din", 2, 0, 0x00, nullptr},
-    {0x05, "servo", 0, 6, 0x80, ReceiveBlocks},
-    {0x06, "motor", 0, 4, 0x00, ReceiveBlocks},
-    {0x07, "analog", 6, 0, 0x00, nullptr},
+    {kServo, "servo", 0, 6, 0x80, ReceiveBlocks},
+    {kMotor, "motor", 0, 4, 0x00, ReceiveBlocks},
+    {kAnalogue, "analog", 6, 0, 0x00, nullptr},
     {0x08, "keypad", 1, 0, 0x00, nullptr},
-    {0x09, "lcd", 0, 0, 0x00, ReceiveLcd},
+    {kLcd, "lcd", 0, 0, 0x00, ReceiveLcd},
     {0x0A, "ir", 0, 0, 0x00, ReceiveIr},
     {0xFF, "unknown", 0, 0, 0x00, nullptr},  // also stands for codes without a row
 };

@@ -1,5 +1,5 @@
-#ifndef CARDSIM_CARD_H
-#define CARDSIM_CARD_H
+#ifndef TALP_TOOLS_CARDSIM_CARD_H_
+#define TALP_TOOLS_CARDSIM_CARD_H_
 
 #include <array>
 #include <optional>
@@ -7,6 +7,13 @@
 
 #include "cardsim/bytes.h"
 #include "cardsim/line_output.h"
+
+// Codes of the kinds that differ from others in more than a row of a table.
+constexpr unsigned char kDigitalOutput = 0x03;
+constexpr unsigned char kServo = 0x05;
+constexpr unsigned char kMotor = 0x06;
+constexpr unsigned char kAnalogue = 0x07;
+constexpr unsigned char kLcd = 0x09;
 
 struct CARD;
 
@@ -60,4 +67,4 @@ std::optional<unsigned char> RunDirectCommand(CARD& card, const BYTES& command, 
 // Prints what the card in the slot holds; nothing for an empty slot.
 void ShowCard(const CARD& card, LINE_OUTPUT* out);
 
-#endif
+#endif  // TALP_TOOLS_CARDSIM_CARD_H_

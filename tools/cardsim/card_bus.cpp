@@ -9,24 +9,23 @@ namespace {
 BYTES Poll(const CARD& card, const BYTES& request) {
   const size_t count = request[2];
   if (count == 0 || count != card.kind->inputs) return {};
-  BYTES reply = {'!', card.address};
+  BYTES reply = {kInputs, card.address};
   reply.insert(reply.end(), card.inputs.begin(), card.inputs.begin() + request[2]);
   return reply;
 }
 
-// The 'A' means no more to the master than that the card has answered.
 BYTES Output(CARD& card, const BYTES& request, LINE_OUTPUT* out) {
   const BYTES data(request.begin() + 3, request.end());
   if (card.kind->receive == nullptr || request[2] != data.size()) return {};
   if (!card.kind->receive(card, data, out)) return {};
-  return {'A', card.address};
+  return {kDone, card.address};
 }
 
 BYTES Direct(CARD& card, const BYTES& request, LINE_OUTPUT* out) {
   const BYTES command(request.begin() + 2, request.end());
   const std::optional<unsigned char> value = RunDirectCommand(card, command, out);
   if (!value) return {};
-  return {'Q', card.address, command[1], *value};
+  return {kValue, card.address, command[1], *value};
 }
 
 // Empty if the card refuses the request.
@@ -50,10 +49,10 @@ CARD_BUS::CARD_BUS(std::string versionText, LINE_OUTPUT* out)
 std::optional<BYTES> CARD_BUS::Answer(const BYTES& request) {
   BYTES reply;
   if (request == BYTES{kHandshake, 0x6F, 0x9A}) {
-    reply = {'@'};
+    reply = {kHandshake};
     reply.insert(reply.end(), versionText_.begin(), versionText_.end());
   } else if (request == BYTES{kDiscovery}) {
-    reply = {'1'};
+    reply = {kDiscovered};
     for (const CARD& card : cards_) reply.push_back(card.code);
   } else if (IsForCard(request)) {
     CARD* const card = FindCard(request[1]);
@@ -72,7 +71,7 @@ BYTES CARD_BUS::Refuse(const BYTES& request, bool hasCard) {
     out_->Print("refused " + HexText(request) +
                 (hasCard ? ": not for this card" : ": no card there"));
   }
-  return {'N', request[1]};
+  return {kRefused, request[1]};
 }
 
 CARD* CARD_BUS::FindCard(size_t address) {

@@ -1,5 +1,5 @@
-#ifndef CARDSIM_CARD_BUS_H
-#define CARDSIM_CARD_BUS_H
+#ifndef TALP_TOOLS_CARDSIM_CARD_BUS_H_
+#define TALP_TOOLS_CARDSIM_CARD_BUS_H_
 
 #include <array>
 #include <optional>
@@ -16,6 +16,13 @@ constexpr unsigned char kPoll = 0x20;
 constexpr unsigned char kOutput = 0x10;
 constexpr unsigned char kDirect = 0x50;
 
+// The first byte of a reply; to the handshake it is that of the request.
+constexpr unsigned char kDiscovered = 0x31;
+constexpr unsigned char kInputs = 0x21;
+constexpr unsigned char kDone = 0x41;  // to an output: any that is no error would do
+constexpr unsigned char kValue = 0x51;
+constexpr unsigned char kRefused = 0x4E;
+
 // The bus controller and its sixteen cards: a request payload in, a reply payload and readable
 // lines out. No clock; faults and framing are other modules'.
 class CARD_BUS {
@@ -31,7 +38,7 @@ class CARD_BUS {
   // The card at an address; null where there is none.
   CARD* FindCard(size_t address);
 
-  // Answers one request; both without their length byte. What a card cannot do is answered 'N'
+  // Answers one request; both without their length byte. What a card cannot do is answered kRefused
   // and the address byte. What the bus does not know is not answered at all.
   std::optional<BYTES> Answer(const BYTES& request);
 
@@ -46,4 +53,4 @@ class CARD_BUS {
   std::array<CARD, kSlots> cards_;
 };
 
-#endif
+#endif  // TALP_TOOLS_CARDSIM_CARD_BUS_H_

@@ -90,7 +90,7 @@ constexpr COMMAND kCommands[] = {
     {"answer", " A VALUE|auto", 2, 2, Answer, "the value in card A's direct answers"},
     {"card", " A KIND|none", 2, 2, Card, "plug a new card in at A, or take it out"},
     {"fault", " NAME[=VALUE] [COUNT|forever] [on REQUEST]", 1, 4, Fault,
-     "spoil replies; fault off ends it"},
+     "corrupt replies; fault off ends it"},
     {"hangup", "", 0, 0, HangUp, "pull the adapter out: pty and link vanish"},
     {"return", " [PATH]", 0, 1, Return, "plug it in again, linked there or as before"},
     {"show", "", 0, 0, Show, "print every card and waiting fault"},

@@ -1,5 +1,5 @@
-#ifndef CARDSIM_CONSOLE_H
-#define CARDSIM_CONSOLE_H
+#ifndef TALP_TOOLS_CARDSIM_CONSOLE_H_
+#define TALP_TOOLS_CARDSIM_CONSOLE_H_
 
 #include <unistd.h>
 
@@ -40,4 +40,4 @@ class CONSOLE {
   std::string line_;  // being typed
 };
 
-#endif
+#endif  // TALP_TOOLS_CARDSIM_CONSOLE_H_

@@ -6,10 +6,6 @@ constexpr unsigned char kWrite = 0x01;
 constexpr unsigned char kRead = 0x40;
 
 constexpr unsigned char kAnyKind = 0x00;
-constexpr unsigned char kServo = 0x05;
-constexpr unsigned char kMotor = 0x06;
-constexpr unsigned char kAnalog = 0x07;
-constexpr unsigned char kLcd = 0x09;
 
 // kPrint: nothing is stored and nothing moves here, so the command is only printed.
 enum class ACTION { kSet, kGet, kPrint, kReboot };
@@ -28,9 +24,9 @@ constexpr DIRECT_COMMAND kCommands[] = {
     {kAnyKind, kWrite, 0xAB, 1, ACTION::kReboot, 0, "reboot"},
     {kLcd, kWrite, 0x01, 1, ACTION::kSet, 0, "selftest"},
     {kLcd, kWrite, 0x02, 1, ACTION::kSet, 1, "initlight"},
-    {kAnalog, kWrite, 0x01, 1, ACTION::kSet, 0, "mask"},
-    {kAnalog, kRead, 0x01, 1, ACTION::kGet, 0, "mask"},
-    {kAnalog, kWrite, 0x02, 1, ACTION::kPrint, 0, "store mask"},
+    {kAnalogue, kWrite, 0x01, 1, ACTION::kSet, 0, "mask"},
+    {kAnalogue, kRead, 0x01, 1, ACTION::kGet, 0, "mask"},
+    {kAnalogue, kWrite, 0x02, 1, ACTION::kPrint, 0, "store mask"},
     {kServo, kWrite, 0x74, 1, ACTION::kPrint, 0, "store positions"},
     {kServo, kWrite, 0x3F, 1, ACTION::kPrint, 0, "move to stored positions"},
     {kServo, kWrite, 0xC0, 6, ACTION::kSet, 0, "SCA"},

@@ -51,9 +51,9 @@ PIECES AddStray(const BYTES& payload, unsigned) {
 }
 
 PIECES Resize(const BYTES& payload, unsigned size) {
-  BYTES spoilt = payload;
-  spoilt.resize(size, 0x55);
-  return AtOnce(Frame(spoilt));
+  BYTES corrupted = payload;
+  corrupted.resize(size, 0x55);
+  return AtOnce(Frame(corrupted));
 }
 
 PIECES Delay(const BYTES& payload, unsigned value) {
@@ -61,15 +61,15 @@ PIECES Delay(const BYTES& payload, unsigned value) {
 }
 
 PIECES ReplaceAddress(const BYTES& payload, unsigned address) {
-  BYTES spoilt = payload;
-  if (spoilt.size() > 1) spoilt[1] = static_cast<unsigned char>(address);
-  return AtOnce(Frame(spoilt));
+  BYTES corrupted = payload;
+  if (corrupted.size() > 1) corrupted[1] = static_cast<unsigned char>(address);
+  return AtOnce(Frame(corrupted));
 }
 
 PIECES ReplaceCode(const BYTES& payload, unsigned code) {
-  BYTES spoilt = payload;
-  spoilt[0] = static_cast<unsigned char>(code);
-  return AtOnce(Frame(spoilt));
+  BYTES corrupted = payload;
+  corrupted[0] = static_cast<unsigned char>(code);
+  return AtOnce(Frame(corrupted));
 }
 
 struct VALUE_RANGE {
@@ -85,22 +85,22 @@ struct FAULT {
   const char* name;
   VALUE_RANGE range;
   unsigned initial;       // the value when none is typed
-  unsigned char request;  // whose replies are spoilt unless "on" names another one, 0 for any
-  PIECES (*spoil)(const BYTES& payload, unsigned value);
+  unsigned char request;  // whose replies are corrupted unless "on" names another one, 0 for any
+  PIECES (*corrupt)(const BYTES& payload, unsigned value);
 };
 
 // clang-format off
 constexpr FAULT kFaults[] = {
-    {"lost",         kNoValue,       0,    0,       Lose},
-    {"split",        {10, 1, 1000},  3,    0,       Split},
-    {"short",        kNoValue,       0,    0,       Shorten},
-    {"long",         kNoValue,       0,    0,       AddStray},
-    {"cut",          {10, 0, 19},    1,    0,       Resize},
-    {"overlong",     {10, 20, 255},  200,  0,       Resize},
-    {"late",         {10, 1, 60000}, 300,  0,       Delay},
-    {"misaddressed", kByte,          0x10, kPoll,   ReplaceAddress},
-    {"error",        kByte,          'N',  0,       ReplaceCode},
-    {"notq",         kNoValue,       'A',  kDirect, ReplaceCode},
+    {"lost",         kNoValue,       0,        0,       Lose},
+    {"split",        {10, 1, 1000},  3,        0,       Split},
+    {"short",        kNoValue,       0,        0,       Shorten},
+    {"long",         kNoValue,       0,        0,       AddStray},
+    {"cut",          {10, 0, 19},    1,        0,       Resize},
+    {"overlong",     {10, 20, 255},  200,      0,       Resize},
+    {"late",         {10, 1, 60000}, 300,      0,       Delay},
+    {"misaddressed", kByte,          0x10,     kPoll,   ReplaceAddress},
+    {"error",        kByte,          kRefused, 0,       ReplaceCode},
+    {"notq",         kNoValue,       kDone,    kDirect, ReplaceCode},
 };
 // clang-format on
 
@@ -114,7 +114,7 @@ std::string FAULT_PLAN::Command(const WORDS& words) {
   const size_t nameEnd = std::min(words[0].find('='), words[0].size());
   const FAULT* const fault = FindRow(kFaults, words[0].substr(0, nameEnd));
   if (fault == nullptr) return "the faults are " + RowNames(kFaults);
-  RULE rule = {JoinWords(words), fault->name, fault->spoil, fault->initial, fault->request, 1};
+  RULE rule = {JoinWords(words), fault->name, fault->corrupt, fault->initial, fault->request, 1};
   if (nameEnd < words[0].size()) {
     const auto value = ParseNumber(words[0].substr(nameEnd + 1), fault->range.base);
     if (!value || *value < fault->range.least || *value > fault->range.most) {
@@ -141,12 +141,12 @@ bool FAULT_PLAN::ParseRest(WORDS words, RULE* rule) {
   return words.size() == 1 && rule->repliesLeft > 0;
 }
 
-PIECES FAULT_PLAN::Spoil(const BYTES& request, const BYTES& reply) {
+PIECES FAULT_PLAN::Corrupt(const BYTES& request, const BYTES& reply) {
   const auto rule = std::find_if(rules_.begin(), rules_.end(), [&request](const RULE& candidate) {
     return candidate.request == 0 || candidate.request == request[0];
   });
   if (rule == rules_.end()) return AtOnce(Frame(reply));
-  PIECES pieces = rule->spoil(reply, rule->value);
+  PIECES pieces = rule->corrupt(reply, rule->value);
   if (--rule->repliesLeft == 0) {
     out_->Print(std::string("fault ") + rule->name + " done");
     rules_.erase(rule);
@@ -155,5 +155,5 @@ PIECES FAULT_PLAN::Spoil(const BYTES& request, const BYTES& reply) {
 }
 
 void FAULT_PLAN::Show() const {
-  for (const RULE& rule : rules_) out_->Print("fault" + rule.order);
+  for (const RULE& rule : rules_) out_->Print("fault" + rule.command);
 }

@@ -1,5 +1,5 @@
-#ifndef CARDSIM_FAULT_PLAN_H
-#define CARDSIM_FAULT_PLAN_H
+#ifndef TALP_TOOLS_CARDSIM_FAULT_PLAN_H_
+#define TALP_TOOLS_CARDSIM_FAULT_PLAN_H_
 
 #include <chrono>
 #include <cstdint>
@@ -17,7 +17,7 @@ struct PIECE {
 };
 using PIECES = std::vector<PIECE>;
 
-// Puts replies on the wire, spoilt by the faults that wait for them.
+// Puts replies on the wire, corrupted by the faults that wait for them.
 class FAULT_PLAN {
  public:
   explicit FAULT_PLAN(LINE_OUTPUT* out) : out_(out) {}
@@ -27,9 +27,9 @@ class FAULT_PLAN {
   std::string Command(const WORDS& words);
 
   // The reply as it goes out, its length byte with it: one piece at once, or what the oldest
-  // fault that waits for a reply to this request makes of it. A fault that has spoilt its last
+  // fault that waits for a reply to this request makes of it. A fault that has corrupted its last
   // reply leaves, and "fault NAME done" is printed.
-  PIECES Spoil(const BYTES& request, const BYTES& reply);
+  PIECES Corrupt(const BYTES& request, const BYTES& reply);
 
   // Prints a line for each waiting fault.
   void Show() const;
@@ -39,11 +39,11 @@ class FAULT_PLAN {
   static constexpr auto kForever = std::numeric_limits<std::uint64_t>::max();
 
   struct RULE {
-    std::string order;  // as typed
+    std::string command;  // as typed
     const char* name;
-    PIECES (*spoil)(const BYTES& payload, unsigned value);
+    PIECES (*corrupt)(const BYTES& payload, unsigned value);
     unsigned value;
-    unsigned char request;  // whose replies are spoilt, 0 for any
+    unsigned char request;  // whose replies are corrupted, 0 for any
     std::uint64_t repliesLeft;
   };
 
@@ -54,4 +54,4 @@ class FAULT_PLAN {
   std::vector<RULE> rules_;  // oldest first
 };
 
-#endif
+#endif  // TALP_TOOLS_CARDSIM_FAULT_PLAN_H_

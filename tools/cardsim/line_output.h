@@ -1,5 +1,5 @@
-#ifndef CARDSIM_LINE_OUTPUT_H
-#define CARDSIM_LINE_OUTPUT_H
+#ifndef TALP_TOOLS_CARDSIM_LINE_OUTPUT_H_
+#define TALP_TOOLS_CARDSIM_LINE_OUTPUT_H_
 
 #include <string>
 
@@ -29,4 +29,4 @@ class LINE_OUTPUT {
   size_t lost_ = 0;
 };
 
-#endif
+#endif  // TALP_TOOLS_CARDSIM_LINE_OUTPUT_H_

@@ -23,7 +23,7 @@ constexpr int kBadOptions = 2;
 
 constexpr char kDescription[] =
     "A simulated bus of peripheral cards for the daemon talp, on a pseudo-terminal that is linked\n"
-    "like a USB serial adapter. Commands on standard input change inputs and order faults ('help'\n"
+    "like a USB serial adapter. Commands on standard input change inputs and cause faults ('help'\n"
     "lists them); what the cards receive is printed. talp-cardsim(1) describes everything.";
 
 struct OPTIONS {

@@ -1,5 +1,5 @@
-#ifndef CARDSIM_TABLE_H
-#define CARDSIM_TABLE_H
+#ifndef TALP_TOOLS_CARDSIM_TABLE_H_
+#define TALP_TOOLS_CARDSIM_TABLE_H_
 
 #include <string>
 
@@ -20,4 +20,4 @@ std::string RowNames(const ROW (&rows)[COUNT]) {
   return names;
 }
 
-#endif
+#endif  // TALP_TOOLS_CARDSIM_TABLE_H_

@@ -88,23 +88,23 @@ std::string LogFileComplaint(const std::string& value) {
 struct ATTRIBUTE_RULE {
   const char* element;
   const char* attribute;
-  Severity severity;
+  SEVERITY severity;
   COMPLAINT complaint;
 };
 
 // An attribute with more than one rule stands in several rows, one that takes any value in none.
 const ATTRIBUTE_RULE kAttributeRules[] = {
-    {"Debuglog", "File", Warning, LogFileComplaint},
-    {"Debuglog", "Loglevel", Warning, NumberComplaint},
-    {"Debuglog", "Loglevel", Warning, LoglevelComplaint},
-    {"Speed", "Percent", Warning, NumberComplaint},
-    {"Speed", "Percent", Warning, PercentComplaint},
-    {"InitPollState", "Action", Warning, SwitchComplaint},
-    {"AutoDiscover", "Action", Warning, SwitchComplaint},
-    {kEntry, "Name", Warning, NameComplaint},
-    {kEntry, "InpSeparator", Warning, EmptyComplaint},
-    {kEntry, "Port", Warning, NumberComplaint},
-    {kEntry, "Port", Error, HighPortComplaint},
+    {"Debuglog", "File", kWarning, LogFileComplaint},
+    {"Debuglog", "Loglevel", kWarning, NumberComplaint},
+    {"Debuglog", "Loglevel", kWarning, LoglevelComplaint},
+    {"Speed", "Percent", kWarning, NumberComplaint},
+    {"Speed", "Percent", kWarning, PercentComplaint},
+    {"InitPollState", "Action", kWarning, SwitchComplaint},
+    {"AutoDiscover", "Action", kWarning, SwitchComplaint},
+    {kEntry, "Name", kWarning, NameComplaint},
+    {kEntry, "InpSeparator", kWarning, EmptyComplaint},
+    {kEntry, "Port", kWarning, NumberComplaint},
+    {kEntry, "Port", kError, HighPortComplaint},
 };
 
 bool IsReadElement(const std::string& name) {
@@ -154,8 +154,8 @@ class CONFIG_WALK {
 
   bool Seen(const std::string& thing);
   std::string PlaceAt(std::ptrdiff_t offset) const;
-  void Add(Severity severity, const pugi::xml_node& node, const std::string& text);
-  void Add(Severity severity, const std::string& text);
+  void Add(SEVERITY severity, const pugi::xml_node& node, const std::string& text);
+  void Add(SEVERITY severity, const std::string& text);
 
   const std::string path_;
   const CONFIG_DESCRIPTOR config_;
@@ -169,15 +169,15 @@ FINDINGS CONFIG_WALK::Run() {
   if (!Load()) return findings_;
   const pugi::xml_node root = document_.child(kRootElement);
   if (!root) {
-    Add(Error, "there is no root element TALPConfig, so nothing in this file is read");
+    Add(kError, "there is no root element TALPConfig, so nothing in this file is read");
     return findings_;
   }
   WalkRoot(root);
   if (config_.errorText == kNoConfigError) {
     JudgeResult();
   } else {
-    Add(Error, "talp does not start: " + config_.errorText +
-                   "; give every interface a Port of 1025 to 65535");
+    Add(kError, "talp does not start: " + config_.errorText +
+                    "; give every interface a Port of 1025 to 65535");
   }
   Conclude();
   return findings_;
@@ -188,10 +188,10 @@ bool CONFIG_WALK::Load() {
   const pugi::xml_parse_result result = document_.load_buffer(text_.data(), text_.size());
   if (result && config_.errorText != kConfigLoadError) return true;
   if (access(path_.c_str(), R_OK) != 0) {
-    Add(Error, "talp does not start: this file is missing or not readable by " + UserName());
+    Add(kError, "talp does not start: this file is missing or not readable by " + UserName());
   } else {
     findings_.push_back(
-        {Error, PlaceAt(result.offset),
+        {kError, PlaceAt(result.offset),
          std::string("talp does not start: this is not well-formed XML: ") + result.description()});
   }
   return false;
@@ -208,15 +208,15 @@ void CONFIG_WALK::WalkRoot(const pugi::xml_node& root) {
 void CONFIG_WALK::WalkElement(const pugi::xml_node& element) {
   const std::string name = element.name();
   if (!IsReadElement(name)) {
-    Add(Warning, element, "the element " + name + " is not known and has no effect");
+    Add(kWarning, element, "the element " + name + " is not known and has no effect");
     return;
   }
   if (name == "Speed" && Seen(kInterfacesElement)) {
-    Add(Warning, element,
+    Add(kWarning, element,
         "Speed stands after Interfaces and does not reach them; move it before Interfaces");
   }
   if (Seen(name)) {
-    Add(Warning, element, "a second " + name + "; its values replace those of the first");
+    Add(kWarning, element, "a second " + name + "; its values replace those of the first");
   }
   seen_.push_back(name);
   WalkAttributes(element, element.name());
@@ -238,13 +238,13 @@ void CONFIG_WALK::WalkEntries(const pugi::xml_node& interfaces) {
 void CONFIG_WALK::WalkEntry(const pugi::xml_node& entry, std::size_t index) {
   const std::string name = entry.attribute("Name").value();
   if (index >= kMaxEntries) {
-    Add(Warning, entry, "the interface " + Quoted(name) + " is ignored: only four are read");
+    Add(kWarning, entry, "the interface " + Quoted(name) + " is ignored: only four are read");
     return;
   }
   if (!entry.attribute("Name")) {
-    Add(Warning, entry, "this interface has no Name and is ignored; write CAE, IO or MON");
+    Add(kWarning, entry, "this interface has no Name and is ignored; write CAE, IO or MON");
   } else if (Seen("interface " + name)) {
-    Add(Warning, entry, "a second interface " + Quoted(name) + " replaces the first; keep one");
+    Add(kWarning, entry, "a second interface " + Quoted(name) + " replaces the first; keep one");
   }
   seen_.push_back("interface " + name);
   WalkAttributes(entry, kEntry);
@@ -257,7 +257,7 @@ void CONFIG_WALK::WalkAttributes(const pugi::xml_node& element, const char* rule
     if (IsReadAttribute(ruleName, attribute.name())) {
       ApplyRules(element, ruleName, attribute);
     } else {
-      Add(Warning, element,
+      Add(kWarning, element,
           std::string("the attribute ") + attribute.name() + " of " + element.name() +
               " is not known and has no effect");
     }
@@ -279,14 +279,14 @@ void CONFIG_WALK::ApplyRules(const pugi::xml_node& element, const char* ruleName
 
 void CONFIG_WALK::LookForText(const pugi::xml_node& element) {
   if (*element.child_value() == '\0') return;
-  Add(Warning, element,
+  Add(kWarning, element,
       std::string("the text inside ") + element.name() + " is not read: values are attributes");
 }
 
 void CONFIG_WALK::LookForElements(const pugi::xml_node& element) {
   for (const pugi::xml_node& child : element.children()) {
     if (child.type() != pugi::node_element) continue;
-    Add(Warning, child,
+    Add(kWarning, child,
         std::string("the element ") + child.name() + " inside " + element.name() + " is not read");
   }
 }
@@ -295,10 +295,10 @@ void CONFIG_WALK::JudgeResult() {
   const auto interfaces = InterfacesOf(config_);
   for (const NAMED_INTERFACE& named : interfaces) JudgePort(named);
   if (std::none_of(interfaces.begin(), interfaces.end(), Listens)) {
-    Add(Error, "no interface has a Port, so nobody can connect to talp");
+    Add(kError, "no interface has a Port, so nobody can connect to talp");
   }
   JudgeSharedPorts();
-  if (config_.logFile.empty()) Add(Warning, "there is no log: Debuglog names no File");
+  if (config_.logFile.empty()) Add(kWarning, "there is no log: Debuglog names no File");
 }
 
 // Without a port the daemon starts all the same, and the interface does not listen.
@@ -306,11 +306,12 @@ void CONFIG_WALK::JudgePort(const NAMED_INTERFACE& named) {
   if (Listens(named)) return;
   const std::string name = named.name;
   if (named.interface->name.empty()) {
-    Add(Warning, "the interface " + name + " is missing and does not listen; if it should, add " +
-                     "<Interface Name=\"" + name + "\" Port=\"...\"/> to Interfaces");
+    Add(kWarning, "the interface " + name + " is missing and does not listen; if it should, add " +
+                      "<Interface Name=\"" + name + "\" Port=\"...\"/> to Interfaces");
   } else {
-    Add(Warning, "the interface " + name +
-                     " has no Port and does not listen; if it should, choose one of 1025 to 65535");
+    Add(kWarning,
+        "the interface " + name +
+            " has no Port and does not listen; if it should, choose one of 1025 to 65535");
   }
 }
 
@@ -319,9 +320,9 @@ void CONFIG_WALK::JudgeSharedPorts() {
   for (auto first = interfaces.begin(); first != interfaces.end(); ++first) {
     for (auto second = std::next(first); second != interfaces.end(); ++second) {
       if (!Listens(*first) || first->interface->port != second->interface->port) continue;
-      Add(Error, std::string("the interfaces ") + first->name + " and " + second->name +
-                     " have one Port, " + std::to_string(first->interface->port) +
-                     ", and only one of them can listen there; give each its own");
+      Add(kError, std::string("the interfaces ") + first->name + " and " + second->name +
+                      " have one Port, " + std::to_string(first->interface->port) +
+                      ", and only one of them can listen there; give each its own");
     }
   }
 }
@@ -332,7 +333,7 @@ void CONFIG_WALK::Conclude() {
   for (const NAMED_INTERFACE& named : InterfacesOf(config_)) {
     ports += std::string(named.name) + " on port " + std::to_string(named.interface->port) + ", ";
   }
-  Add(Fine, ports + "log in " + config_.logFile);
+  Add(kFine, ports + "log in " + config_.logFile);
 }
 
 bool CONFIG_WALK::Seen(const std::string& thing) {
@@ -346,11 +347,11 @@ std::string CONFIG_WALK::PlaceAt(std::ptrdiff_t offset) const {
   return path_ + ":" + std::to_string(1 + std::count(text_.begin(), end, '\n'));
 }
 
-void CONFIG_WALK::Add(Severity severity, const pugi::xml_node& node, const std::string& text) {
+void CONFIG_WALK::Add(SEVERITY severity, const pugi::xml_node& node, const std::string& text) {
   findings_.push_back({severity, PlaceAt(node.offset_debug()), text});
 }
 
-void CONFIG_WALK::Add(Severity severity, const std::string& text) {
+void CONFIG_WALK::Add(SEVERITY severity, const std::string& text) {
   findings_.push_back({severity, path_, text});
 }
 

@@ -1,5 +1,5 @@
-#ifndef CHECK_CONFIG_CHECK_H
-#define CHECK_CONFIG_CHECK_H
+#ifndef TALP_TOOLS_CHECK_CONFIG_CHECK_H_
+#define TALP_TOOLS_CHECK_CONFIG_CHECK_H_
 
 #include <string>
 #include <vector>
@@ -27,4 +27,4 @@ bool Listens(const NAMED_INTERFACE& named);
 
 }  // namespace check
 
-#endif
+#endif  // TALP_TOOLS_CHECK_CONFIG_CHECK_H_

@@ -13,9 +13,9 @@ bool Milder(const FINDING& left, const FINDING& right) { return left.severity < 
 
 }  // namespace
 
-Severity WorstOf(const FINDINGS& findings) {
+SEVERITY WorstOf(const FINDINGS& findings) {
   const auto worst = std::max_element(findings.begin(), findings.end(), Milder);
-  return worst == findings.end() ? Fine : worst->severity;
+  return worst == findings.end() ? kFine : worst->severity;
 }
 
 void Print(const FINDINGS& findings, std::ostream* out) {

@@ -53,7 +53,7 @@ void AddWait(CLI::App* running, OPTIONS* options) {
 
 int Report(const check::FINDINGS& findings, bool strict) {
   check::Print(findings, &std::cout);
-  const check::Severity worst = strict ? check::Warning : check::Error;
+  const check::SEVERITY worst = strict ? check::kWarning : check::kError;
   return check::WorstOf(findings) >= worst ? kFailed : 0;
 }
 

@@ -1,5 +1,5 @@
-#ifndef CHECK_PROCESS_VIEW_H
-#define CHECK_PROCESS_VIEW_H
+#ifndef TALP_TOOLS_CHECK_PROCESS_VIEW_H_
+#define TALP_TOOLS_CHECK_PROCESS_VIEW_H_
 
 #include <sys/types.h>
 
@@ -39,4 +39,4 @@ bool MayUse(pid_t process, const std::string& path);
 
 }  // namespace check
 
-#endif
+#endif  // TALP_TOOLS_CHECK_PROCESS_VIEW_H_

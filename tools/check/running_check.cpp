@@ -29,18 +29,18 @@ constexpr std::streamoff kLogTail = 65536;  // bytes; hours of the daemon's retr
 
 struct LOG_RULE {
   const char* words;
-  Severity severity;
+  SEVERITY severity;
   const char* advice;
 };
 
 const LOG_RULE kLogRules[] = {
-    {kLogFound, Fine, ""},
-    {kLogTrying, Fine, ""},
-    {kLogNoAdapter, Warning, "plug the adapter in; talp finds it by itself"},
-    {kLogCannotOpen, Warning, "see that talp's user may use the adapter"},
-    {kLogCannotWrite, Warning, "see that the adapter is still plugged in"},
-    {kLogCannotSetUp, Warning, "this serial adapter cannot do 460800 baud"},
-    {kLogTimeout, Warning,
+    {kLogFound, kFine, ""},
+    {kLogTrying, kFine, ""},
+    {kLogNoAdapter, kWarning, "plug the adapter in; talp finds it by itself"},
+    {kLogCannotOpen, kWarning, "see that talp's user may use the adapter"},
+    {kLogCannotWrite, kWarning, "see that the adapter is still plugged in"},
+    {kLogCannotSetUp, kWarning, "this serial adapter cannot do 460800 baud"},
+    {kLogTimeout, kWarning,
      "the card bus does not answer: see to its power and cable, and that no other program, such "
      "as ModemManager, uses the adapter"},
 };
@@ -98,7 +98,7 @@ class DAEMON_LOOK {
   void JudgeAdapters();
   void JudgeLog();
   bool Configured(int port) const;
-  void Add(Severity severity, const std::string& place, const std::string& text) {
+  void Add(SEVERITY severity, const std::string& place, const std::string& text) {
     findings_.push_back({severity, place, text});
   }
 
@@ -131,10 +131,10 @@ bool DAEMON_LOOK::FindProcess() {
   const std::string name = ProcessName(process_);
   const std::string process = "process " + std::to_string(process_);
   if (name == kDaemonName) {
-    Add(Fine, kPidFile, "talp runs as " + process);
+    Add(kFine, kPidFile, "talp runs as " + process);
     return true;
   }
-  Add(Error, kPidFile,
+  Add(kError, kPidFile,
       (name.empty() ? process + " has ended" : process + " is not talp but " + name) +
           "; the end of " + (config_.logFile.empty() ? "the log" : config_.logFile) +
           " tells why, if talp could write it; start talp with systemctl start talp");
@@ -146,7 +146,7 @@ bool DAEMON_LOOK::ReadPidFile() {
   if (access(kPidFile, R_OK) != 0 && errno == EACCES) {
     NeedsRoot(kPidFile, "this user may not read the file");
   } else {
-    Add(Error, kPidFile,
+    Add(kError, kPidFile,
         "talp has not been started, or may not write this file; start it with "
         "systemctl start talp");
   }
@@ -155,7 +155,7 @@ bool DAEMON_LOOK::ReadPidFile() {
 
 void DAEMON_LOOK::NeedsRoot(const char* place, const std::string& what) {
   mayChange_ = false;
-  Add(Error, place,
+  Add(kError, place,
       what + (geteuid() == 0
                   ? "; root may look into it with CAP_SYS_PTRACE only, which a container "
                     "may withhold"
@@ -168,7 +168,7 @@ void DAEMON_LOOK::JudgeAge() {
   struct stat change {};
   if (stat(kPidFile, &start) != 0 || stat(path_.c_str(), &change) != 0) return;
   if (change.st_mtime <= start.st_mtime) return;
-  Add(Warning, path_, "changed after talp was started; systemctl restart talp puts it in force");
+  Add(kWarning, path_, "changed after talp was started; systemctl restart talp puts it in force");
 }
 
 void DAEMON_LOOK::JudgePorts() {
@@ -187,11 +187,11 @@ void DAEMON_LOOK::JudgePort(const NAMED_INTERFACE& named) {
     });
   };
   if (has(&TCP_SOCKET::established)) {
-    Add(Fine, "", subject + " has a client");
+    Add(kFine, "", subject + " has a client");
   } else if (has(&TCP_SOCKET::listening)) {
-    Add(Fine, "", subject + " listens");
+    Add(kFine, "", subject + " listens");
   } else {
-    Add(Error, "", subject + " does not listen: " + PortOwner(port));
+    Add(kError, "", subject + " does not listen: " + PortOwner(port));
   }
 }
 
@@ -208,7 +208,7 @@ std::string DAEMON_LOOK::PortOwner(int port) const {
 void DAEMON_LOOK::JudgeStrayPorts() {
   for (const TCP_SOCKET& socket : sockets_) {
     if (!socket.listening || Configured(socket.localPort)) continue;
-    Add(Error, "",
+    Add(kError, "",
         "talp listens on port " + std::to_string(socket.localPort) + ", which " + path_ +
             " does not name; systemctl restart talp");
   }
@@ -223,18 +223,18 @@ bool DAEMON_LOOK::Configured(int port) const {
 
 void DAEMON_LOOK::JudgeAdapters() {
   if (adapters_.empty()) {
-    Add(Warning, kAdapters,
+    Add(kWarning, kAdapters,
         "there is no adapter; plug it in, and if that changes nothing, dmesg "
         "tells what the kernel made of it");
   }
   for (const std::string& adapter : adapters_) {
     if (!MayUse(process_, adapter)) {
-      Add(Warning, adapter,
+      Add(kWarning, adapter,
           "talp's user may not use this adapter; its group must be one of the "
           "user's (dialout), and ls -lL " +
               adapter + " shows it");
     } else if (HasOpen(process_, adapter)) {
-      Add(Fine, adapter, "talp has this adapter open");
+      Add(kFine, adapter, "talp has this adapter open");
     }
   }
 }
@@ -252,13 +252,13 @@ void DAEMON_LOOK::JudgeLog() {
 FINDINGS CheckRunning(const std::string& path, std::chrono::seconds wait) {
   const CONFIG_DESCRIPTOR config = ReadConfigFile(path.c_str());
   if (config.errorText != kNoConfigError) {
-    return {{Error, path, config.errorText + "; talp-check config tells more"}};
+    return {{kError, path, config.errorText + "; talp-check config tells more"}};
   }
   const auto deadline = std::chrono::steady_clock::now() + wait;
   for (;;) {
     DAEMON_LOOK look(path, config);
     FINDINGS findings = look.Run();
-    if (WorstOf(findings) != Error || !look.MayChange()) return findings;
+    if (WorstOf(findings) != kError || !look.MayChange()) return findings;
     if (std::chrono::steady_clock::now() >= deadline) return findings;
     std::this_thread::sleep_for(kRetryPause);
   }

@@ -1,5 +1,5 @@
-#ifndef CHECK_RUNNING_CHECK_H
-#define CHECK_RUNNING_CHECK_H
+#ifndef TALP_TOOLS_CHECK_RUNNING_CHECK_H_
+#define TALP_TOOLS_CHECK_RUNNING_CHECK_H_
 
 #include <chrono>
 #include <string>
@@ -17,4 +17,4 @@ FINDINGS CheckRunning(const std::string& path, std::chrono::seconds wait);
 
 }  // namespace check
 
-#endif
+#endif  // TALP_TOOLS_CHECK_RUNNING_CHECK_H_
