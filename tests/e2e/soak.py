@@ -41,7 +41,6 @@ CARDS = ("1=din", "2=din", "3=din", "4=din", "5=dout", "8=keypad", "F=analog")
 LAST_CARD = "DTI:0xF:6 channel ANALOGUE INPUT"
 POLLING = "CIA: GLOBAL POLLING IS ENABLED"
 CONSOLE = {
-    "DRVVER": ["CIA: DRIVER VERSION 1.20", ">"],
     "drvver": ["CIE: UNKNOWN COMMAND ", ">"],
     "POLLSTATE": [POLLING, *(f"PTI:0x{card}:ON" for card in "12348F"), ">"],
 } | {f"SPEED={i}": [f"CIA: SPEED IS SET to {i}%", ">"] for i in (1, 25, 50, 75, 90)}

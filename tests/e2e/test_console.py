@@ -1,8 +1,11 @@
 """Byte for byte what a console's user sees, with all pauses at their real length."""
 
+import re
+
 import pytest
 
 from kit.cards import ADAPTER, DISCOVERY, expect_discovery, hardware_found, switch_polling
+from kit.expecting import read_file
 
 BOARD = {"real_time": True}
 LIST = (
@@ -29,8 +32,10 @@ def discovered(io, cae, card_bus):
     expect_discovery(cae, card_bus)
 
 
-def test_drvver_tells_the_version_and_case_counts(cae):
-    cae.ask("DRVVER", "CIA: DRIVER VERSION 1.20", ">")
+def test_drvver_tells_the_version_and_case_counts(board, cae):
+    cache = read_file(board.build / "CMakeCache.txt")
+    version = re.search("^CMAKE_PROJECT_VERSION:.*=(.*)", cache, re.MULTILINE)[1]
+    cae.ask("DRVVER", f"CIA: DRIVER VERSION {version}", ">")
     cae.send("drvver\r\n")
     cae.expect("CIE: UNKNOWN COMMAND \r\n>\r\n\r")
 
