@@ -115,6 +115,7 @@ def test_an_adapter_that_its_user_may_not_open(board, look, log, monkeypatch):
         os.chown(path, nobody, nobody)
     identity = (f"--reuid={nobody}", f"--regid={nobody}", "--clear-groups")
     monkeypatch.setattr(board, "daemon", ["setpriv", *identity, *programs])
+    monkeypatch.setattr(board, "preload", "")  # setpriv may be of another architecture
     bus = board.bus()
     pid = board.start()
     log.expect(f"[ERR] unable to  open {ADAPTER} for hardware communication")

@@ -151,10 +151,9 @@ class Board:
         self.path.mkdir()
         shortened = "" if real_time else "0."
         self.replace_sleep(SLEEP.format(record=self.pause_file, shortened=shortened))
-        # An emulated daemon, with its emulator in the command, reads slowly enough without.
         self.preload = ""
-        library = self.build / "tests/kit/libsurroundings.so"
-        if library.exists() and len(self.daemon) == 1:
+        library = Path(self.daemon[-1]).parents[1] / "tests/kit/libsurroundings.so"
+        if library.exists():
             self.preload = shutil.copy(library, self.path)
 
     def __enter__(self):

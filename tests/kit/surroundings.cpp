@@ -31,14 +31,12 @@ auto Next(const char* name, FUNCTION*, A... values) {
   return reinterpret_cast<FUNCTION*>(dlsym(RTLD_NEXT, name))(values...);
 }
 
-// The shells that the daemon starts load this, too.
-const char* Setting(const char* name) {
-  return std::strcmp(program_invocation_short_name, "talp") == 0 ? std::getenv(name) : nullptr;
-}
+// The shells that the daemon starts do without: they may be of another architecture.
+__attribute__((constructor)) void KeepToTheDaemon() { unsetenv("LD_PRELOAD"); }
 
 // Appends "NAME ARGUMENTS" to the file TALP_CALLS.
 void Record(const std::string& line) {
-  static const char* const path = Setting("TALP_CALLS");
+  static const char* const path = std::getenv("TALP_CALLS");
   if (path == nullptr) return;
   const int file = Next("open", &open, path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
   dprintf(file, "%s\n", line.c_str());
@@ -48,7 +46,7 @@ void Record(const std::string& line) {
 // TALP_FAIL is "NAME ERRNO SKIPPED COUNT": so many calls of that function fail after so many
 // others.
 bool Fails(const char* name) {
-  static const char* const setting = Setting("TALP_FAIL");
+  static const char* const setting = std::getenv("TALP_FAIL");
   static std::atomic<int> calls{0};
   char which[32] = "";
   int error = 0;
