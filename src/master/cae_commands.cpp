@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr char kPrompt[] = ">";
-
 void AnswerLines(const std::vector<std::string>& lines, const CAE_CONTEXT& console) {
   for (const std::string& line : lines) console.Answer(line);
 }

@@ -10,6 +10,8 @@
 #include "master/card_table.h"
 #include "thread/shared.h"
 
+constexpr char kPrompt[] = ">";  // ends every answer
+
 // What the commands of the console work on. All pointers must outlive the console.
 struct CAE_CONTEXT {
   CARD_TABLE* cards = nullptr;

@@ -122,7 +122,7 @@ void TALP::ExecuteIoCommand(const std::string& command) {
 void TALP::ReportOnConsole(const std::string& error, const std::string& command) {
   const std::string& separator = cae_->descriptor.outSeparator;
   cae_->outputQueue.ToQueue(Convert_String2QList(error + command + separator));
-  cae_->outputQueue.ToQueue(Convert_String2QList(">" + separator));
+  cae_->outputQueue.ToQueue(Convert_String2QList(kPrompt + separator));
 }
 
 void TALP::HandleCaeLine(CAE_CONSOLE* console) {

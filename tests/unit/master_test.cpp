@@ -73,9 +73,9 @@ TEST(PerifCard, Inputs) {
   EXPECT_EQ("aAb0d1E changed", lines("00 00 00 00 00 00"));
 }
 
-// A console whose lines end with CR LF and whose answers end with '~'. While the console waits, the
-// bench plays the card.
-class BENCH {
+// A console whose lines end with CR LF and whose answers end with '~'. While it waits, it plays the
+// card.
+class CONSOLE {
  public:
   // What was on the bus during each wait, then the answers, each behind a '|'.
   std::string Run(const std::string& line) {
@@ -169,19 +169,20 @@ constexpr CARD_COMMAND_CASE kCardCommands[] = {
 // To cards that answer, to silent ones, whose answers of before must not count, and to cards of
 // another kind, which must not see the request.
 TEST(Console, CardCommands) {
-  BENCH bench;
+  CONSOLE console;
   for (const CARD_COMMAND_CASE& row : kCardCommands) {
     SCOPED_TRACE(row.line);
     const std::string line = std::string(row.line) + "\r\n";
     const std::string wait = std::string("|1 s [") + row.request + "]|";
-    bench.SetKinds(row.kind);
-    bench.cardAnswers = true;
-    EXPECT_EQ(wait + "CIA: " + row.success + "~|>~", bench.Run(line));
-    bench.cardAnswers = false;
-    EXPECT_EQ(wait + "CIE: " + row.failure + " ERROR~|>~", bench.Run(line));
+    console.SetKinds(row.kind);
+    console.cardAnswers = true;
+    EXPECT_EQ(wait + "CIA: " + row.success + "~|>~", console.Run(line));
+    console.cardAnswers = false;
+    EXPECT_EQ(wait + "CIE: " + row.failure + " ERROR~|>~", console.Run(line));
     if (row.wrongKind == nullptr) continue;
-    bench.SetKinds(kKindIrRemote);
-    EXPECT_EQ("|CIE: THIS COMMAND IS " + std::string(row.wrongKind) + " ONLY~|>~", bench.Run(line));
+    console.SetKinds(kKindIrRemote);
+    EXPECT_EQ("|CIE: THIS COMMAND IS " + std::string(row.wrongKind) + " ONLY~|>~",
+              console.Run(line));
   }
 }
 
@@ -209,40 +210,40 @@ constexpr CASE kDriverCommands[] = {
 };
 
 TEST(Console, DriverCommands) {
-  BENCH bench;
-  bench.Discover("00 00 00 04 0A 03 06 07 08 09 00 00 00 00 00 05");
-  ExpectCases([&](const std::string& line) { return bench.Run(line + "\r\n"); }, kDriverCommands);
-  EXPECT_EQ("4949 4949 4949 4949 4949 ", bench.Delays());
+  CONSOLE console;
+  console.Discover("00 00 00 04 0A 03 06 07 08 09 00 00 00 00 00 05");
+  ExpectCases([&](const std::string& line) { return console.Run(line + "\r\n"); }, kDriverCommands);
+  EXPECT_EQ("4949 4949 4949 4949 4949 ", console.Delays());
   // The separator may stand anywhere, but without one only SPEED= is known.
-  EXPECT_EQ("|CIA: POLLON is OK at address 3~|>~", bench.Run("\r\nPOLLON:3"));
-  EXPECT_EQ("|CIE: UNKNOWN COMMAND ~>~", bench.Run("POLLON:3"));
-  EXPECT_EQ("|CIA: SPEED IS SET to 99%~|>~", bench.Run("SPEED=99"));
-  EXPECT_EQ("|CIE: Parameter is out of range (1..100)~|>~", bench.Run("\r\nSPEED=99"));
-  EXPECT_EQ("51 51 51 51 51 ", bench.Delays());
-  EXPECT_EQ("|CIA: SPEED IS SET to 50%~|>~", bench.Run("SPEED=50\r"));
+  EXPECT_EQ("|CIA: POLLON is OK at address 3~|>~", console.Run("\r\nPOLLON:3"));
+  EXPECT_EQ("|CIE: UNKNOWN COMMAND ~>~", console.Run("POLLON:3"));
+  EXPECT_EQ("|CIA: SPEED IS SET to 99%~|>~", console.Run("SPEED=99"));
+  EXPECT_EQ("|CIE: Parameter is out of range (1..100)~|>~", console.Run("\r\nSPEED=99"));
+  EXPECT_EQ("51 51 51 51 51 ", console.Delays());
+  EXPECT_EQ("|CIA: SPEED IS SET to 50%~|>~", console.Run("SPEED=50\r"));
 }
 
 // Polling rests during a discovery and is then as it was; poll frames start afresh.
 TEST(Console, ForcedDiscovery) {
-  BENCH bench;
+  CONSOLE console;
   for (const char* polling : {"ENABLED", "DISABLED"}) {
-    bench.Discover("00 00 00 00 00 03 00 00 00 00 00 04 00 00 00 04");
-    const std::string forced = bench.Run("FORCEDISCOVER\r\n");
-    const std::string list = bench.Run("DISCOVER\r\n").substr(1);
+    console.Discover("00 00 00 00 00 03 00 00 00 00 00 04 00 00 00 04");
+    const std::string forced = console.Run("FORCEDISCOVER\r\n");
+    const std::string list = console.Run("DISCOVER\r\n").substr(1);
     EXPECT_EQ("|1 s [] paused, 5 is 3|1 s [30] paused, 5 is 0|FORCED " + list, forced);
-    EXPECT_EQ("20 05 02", ToHex(bench.table.cards[5].pollFrame));
-    EXPECT_EQ("20 0F 02", ToHex(bench.table.cards[15].pollFrame));
-    EXPECT_NE(std::string::npos, bench.Run("POLLSTATE\r\n").find(polling)) << polling;
-    bench.Run("DISABLEPOLL\r\n");
+    EXPECT_EQ("20 05 02", ToHex(console.table.cards[5].pollFrame));
+    EXPECT_EQ("20 0F 02", ToHex(console.table.cards[15].pollFrame));
+    EXPECT_NE(std::string::npos, console.Run("POLLSTATE\r\n").find(polling)) << polling;
+    console.Run("DISABLEPOLL\r\n");
   }
 }
 
 // Their lines and a checksum of them, and the misspellings and blanks that programs that drive the
 // console know.
 TEST(Console, Texts) {
-  BENCH bench;
-  const std::string help = bench.Run("HELP\r\n");
-  const std::string examples = bench.Run("IOEXAMPLES\r\n");
+  CONSOLE console;
+  const std::string help = console.Run("HELP\r\n");
+  const std::string examples = console.Run("IOEXAMPLES\r\n");
   EXPECT_EQ(69 + 1, std::count(help.begin(), help.end(), '~'));
   EXPECT_EQ(22 + 1, std::count(examples.begin(), examples.end(), '~'));
   std::uint32_t checksum = 2166136261U;  // FNV-1a
