@@ -1,8 +1,8 @@
 #ifndef TALP_CORE_LOG_TEXTS_H_
 #define TALP_CORE_LOG_TEXTS_H_
 
-// Texts of the log by which other programs tell what the daemon does. Those that end with a blank
-// are followed by the path of an adapter.
+// Texts of the log by which other programs tell what the daemon does; fixed, double blanks too, see
+// docs/architecture.md. Those that end with a blank are followed by the path of an adapter.
 constexpr char kLogStarted[] = "talp is started";
 constexpr char kLogNoAdapter[] = "ttyUSB devices couldn't be found";
 constexpr char kLogTrying[] = "try to catch hardware on ";
