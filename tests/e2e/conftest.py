@@ -73,7 +73,7 @@ def card_bus(request, board):
 @pytest.fixture
 def bus(card_bus):
     """The same, without what it has printed before the case."""
-    card_bus.order()
+    card_bus.command()
     card_bus.lines.clear()
     return card_bus
 

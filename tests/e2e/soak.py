@@ -112,13 +112,13 @@ class Soak:
     def pull_adapter(self):
         """It comes back under another number, half of the time at once."""
         if not self.away:
-            self.bus.order("hangup")
+            self.bus.command("hangup")
         self.away = not self.away and self.dice.random() < 0.5
         if not self.away:
-            self.bus.order(f"return /dev/ttyUSB{self.dice.randrange(100)}")
+            self.bus.command(f"return /dev/ttyUSB{self.dice.randrange(100)}")
 
     def corrupt_replies(self):
-        self.bus.order("fault off", f"fault {self.dice.choice(FAULTS).strip()}")
+        self.bus.command("fault off", f"fault {self.dice.choice(FAULTS).strip()}")
 
     def disturb_log(self):
         self.rotate_log()
@@ -158,9 +158,9 @@ class Soak:
         """Everything is undone, and each line has to arrive."""
         while self.abusive:
             self.abusive.popitem()[1].close()
-        self.bus.order("fault off")
+        self.bus.command("fault off")
         if self.away:
-            self.bus.order(f"return /dev/ttyUSB{self.dice.randrange(100)}")
+            self.bus.command(f"return /dev/ttyUSB{self.dice.randrange(100)}")
         self.away = False
         self.set_log(GOOD_LOG)
         clients = [self.client(name) for name in NAMES]
@@ -214,7 +214,7 @@ class Soak:
             self.expect(line, cae)
         for _ in range(2):  # in between all cards are polled
             value = self.next_value()
-            self.bus.order(f"set 3 0 {value}")
+            self.bus.command(f"set 3 0 {value}")
             self.expect(f"a3b0d{value}", io, mon)
 
     def exchange(self, *clients):

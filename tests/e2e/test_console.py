@@ -41,15 +41,15 @@ def test_drvver_tells_the_version_and_case_counts(board, cae):
 
 
 def test_forcediscover_lists_what_is_plugged_in_now(cae, bus):
-    bus.order("card 1 02", "card 6 unknown")
+    bus.command("card 1 02", "card 6 unknown")
     switch_polling(cae, True)
     cae.ask("FORCEDISCOVER", *LIST)
     switch_polling(cae, False)
-    bus.order("card 1 none", "card 6 none")
+    bus.command("card 1 none", "card 6 none")
 
 
 def test_getlastinpst_sends_the_last_input_once_more(cae, io, bus):
-    bus.order("set 3 0 40")
+    bus.command("set 3 0 40")
     switch_polling(cae, True)
     io.expect("a3b0d40\r\n\r")
     switch_polling(cae, False)
@@ -62,20 +62,20 @@ def test_speed_takes_a_percentage(cae):
 
 
 def test_a_card_command_waits_for_the_answer_of_the_card(cae, bus):
-    bus.order("answer F 2A")
+    bus.command("answer F 2A")
     cae.ask("GETANMASK:F", "CIA: MASK is GOT from card", "AMV:0xF:0x2A", ">")
     bus.expect("rx 04 50 0F 40 01")
 
 
 def test_a_card_that_refuses_fails_the_command(cae, bus):
-    bus.order("fault notq")
+    bus.command("fault notq")
     cae.ask("SETMSR1:4=20", "CIE: PARAM WRITE ERROR", ">")
     bus.expect("rx 05 50 04 01 C1 20")
 
 
 def test_a_late_reply_is_not_taken_for_the_next_one(board, cae, bus):
     """It arrives on the next link, where no later request takes it for its own."""
-    bus.order("fault late=3000 on direct", "answer F 2B")
+    bus.command("fault late=3000 on direct", "answer F 2B")
     cae.ask("REBOOT:5", "CIE: BUS WRITE ERROR", ">")
     board.log.expect(f"[INF] comm timeout {ADAPTER}", *hardware_found())
     both = {"tx 04 51 05 AB 00", DISCOVERY[0]}

@@ -27,11 +27,11 @@ def node_red():
 def test_the_python_client_switches_an_output_and_comes_back_after_a_restart(board, daemon, bus):
     client = board.program("client.py", TOP / "examples/client.py", status=-signal.SIGTERM)
     client.expect_next(GREETING)
-    bus.order("set 3 0 40")
+    bus.command("set 3 0 40")
     client.expect_next("a3b0d40")
     bus.expect("out 5 dout b0=BF b1=FF")
     board.stop(daemon)
-    bus.order("set 3 0 00")  # nothing that the client would answer
+    bus.command("set 3 0 00")  # nothing that the client would answer
     board.start(poll=True)
     client.expect(GREETING)
     client.close()
@@ -46,7 +46,7 @@ def test_node_red_ends_lines_as_talp_does(board, daemon, bus, node_red):
     end = plain(node_red["tcp in"]["newline"])
     io = board.patient_client("IO")
     for value in "41", "00":
-        bus.order(f"set 3 0 {value}")
+        bus.command(f"set 3 0 {value}")
         io.expect(f"a3b0d{value}{end}")
     code = node_red["function"]["func"]
     appended = re.fullmatch(r"msg\.payload \+= '(.*)';\nreturn msg;", code)

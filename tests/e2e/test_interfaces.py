@@ -51,13 +51,13 @@ def test_a_port_opens_again_after_two_pauses(board, io):
 
 def test_monitor_is_silent_without_io_client(board, cae, mon, bus):
     # A console answer shows that the master has been through the line of before.
-    bus.order("set 3 0 40")
+    bus.command("set 3 0 40")
     switch_polling(cae, True)
     bus.expect("tx 04 21 03 40 00")
     bus.expect("rx 03 20 03 02")
     switch_polling(cae, False)
     io = board.patient_client("IO")
-    bus.order("set 8 0 2A")
+    bus.command("set 8 0 2A")
     switch_polling(cae, True)
     for client in io, mon:
         client.expect("a8b0d2A\r\n\r")

@@ -71,7 +71,7 @@ def test_a_monitor_that_types_drives_no_card(cae, mon, bus):
 
 def test_input_changes_reach_io_and_monitor(cae, io, mon, bus):
     # Six answers of the analogue card are summed, the seventh gives the average.
-    bus.order("set 3 1 40", "set F 0 FF", "set F 3 80")
+    bus.command("set 3 1 40", "set F 0 FF", "set F 3 80")
     switch_polling(cae, True)
     bus.expect_next("rx 03 20 03 02", "tx 04 21 03 00 40", "rx 03 20 08 01", "tx 03 21 08 00")
     bus.expect_next("rx 03 20 0F 06", "tx 08 21 0F FF 00 00 80 00 00", "rx 03 20 03 02")
@@ -81,13 +81,13 @@ def test_input_changes_reach_io_and_monitor(cae, io, mon, bus):
 
 def test_a_cycle_takes_one_line_of_each_sort(cae, io, mon, bus):
     # While a console command waits for its card, two input lines and an IO line come in.
-    bus.order("set 3 0 11", "set 3 1 22")
+    bus.command("set 3 0 11", "set 3 1 22")
     switch_polling(cae, True)
     expect_inputs((io, mon), "a3b0d11", "a3b1d22")
     cae.ask("REBOOT:5")
     bus.expect("direct 5 reboot")
     io.send("a5b0d00|;")
-    bus.order("set 3 0 33", "set 3 1 44")
+    bus.command("set 3 0 33", "set 3 1 44")
     bus.expect("tx 04 21 03 33 44")
     mon.expect_lines("a3b0d33")
     mon.expect("a5b0d00|;\r")
@@ -99,13 +99,13 @@ def test_a_cycle_takes_one_line_of_each_sort(cae, io, mon, bus):
 
 def test_a_direct_answer_tells_the_last_changes_once_more(cae, io, mon, bus):
     # One good round of polls, then errors only.
-    bus.order("set 3 0 81", "fault long 3 on poll", "fault error=4E forever on poll")
+    bus.command("set 3 0 81", "fault long 3 on poll", "fault error=4E forever on poll")
     switch_polling(cae, True)
     expect_inputs((io, mon), "a3b0d81")
     switch_polling(cae, False)
     cae.ask("REBOOT:3", "CIA: Card is REBOOTED", "RBT:0x3:OK", ">")
     expect_inputs((io, mon), "a3b0d81")
-    bus.order("fault off")
+    bus.command("fault off")
 
 
 def test_console_answers_end_with_the_separator_of_the_console(cae):

@@ -29,7 +29,7 @@ class Polls:
 @pytest.fixture(scope="module")
 def silent(board):
     bus = board.bus()
-    bus.order("fault lost forever")
+    bus.command("fault lost forever")
     return bus
 
 
@@ -51,7 +51,7 @@ def polls(board, silent, card_bus):
 
 def test_a_poll_queued_at_a_lost_reply_is_the_first_frame_on_the_new_link(board, polls, bus):
     queued = polls.frame()
-    bus.order("fault lost on poll")
+    bus.command("fault lost on poll")
     board.log.expect(TIMEOUT)
     board.log.expect(*SILENT_TRIED)
     board.log.expect(*hardware_found(SECOND))
@@ -60,19 +60,19 @@ def test_a_poll_queued_at_a_lost_reply_is_the_first_frame_on_the_new_link(board,
 
 
 def test_a_reply_that_promises_too_much_is_none(board, polls, silent, bus):
-    silent.order("hangup")  # the first adapter is gone now
-    bus.order("fault overlong=132 on poll")
+    silent.command("hangup")  # the first adapter is gone now
+    bus.command("fault overlong=132 on poll")
     board.log.expect(TIMEOUT)
     board.log.expect(*hardware_found(SECOND))
     bus.expect(polls.longer())
-    silent.order("return")
+    silent.command("return")
 
 
 @pytest.mark.parametrize(
     "fault, answer", (("error=4E", "tx 05 4E 32 2E 30 37"), ("cut=0", "tx 00"))
 )
 def test_any_answer_to_the_handshake_is_taken_without_a_word(board, polls, bus, fault, answer):
-    bus.order(f"fault {fault} on handshake", "fault short on poll")
+    bus.command(f"fault {fault} on handshake", "fault short on poll")
     board.log.expect(TIMEOUT, *SILENT_TRIED, f"[INF] try to catch hardware on {SECOND}")
     bus.expect(answer)
     bus.expect(polls.longer())
@@ -82,22 +82,22 @@ def test_any_answer_to_the_handshake_is_taken_without_a_word(board, polls, bus, 
 def test_an_adapter_may_come_back_under_another_number_and_names_are_tried_in_order(
     board, polls, silent, bus
 ):
-    silent.order("hangup")
-    bus.order("hangup")
+    silent.command("hangup")
+    bus.command("hangup")
     board.log.expect(TIMEOUT)
     board.log.expect("[ERR] ttyUSB devices couldn't be found")
-    bus.order("return /dev/ttyUSB10")
+    bus.command("return /dev/ttyUSB10")
     board.log.expect(*hardware_found("/dev/ttyUSB10"))
     bus.expect(polls.longer())
-    silent.order("return /dev/ttyUSB2")  # behind ttyUSB10
-    bus.order("fault lost on poll")
+    silent.command("return /dev/ttyUSB2")  # behind ttyUSB10
+    bus.command("fault lost on poll")
     board.log.expect("[INF] comm timeout /dev/ttyUSB10", *hardware_found("/dev/ttyUSB10"))
     assert not board.log.has("/dev/ttyUSB2")
     bus.expect(polls.longer())
-    silent.order("hangup")
-    bus.order("hangup")
+    silent.command("hangup")
+    bus.command("hangup")
     board.log.expect("[INF] comm timeout /dev/ttyUSB10")
-    bus.order(f"return {SECOND}")
+    bus.command(f"return {SECOND}")
     board.log.expect(*hardware_found(SECOND))
     bus.expect(polls.longer())
-    silent.order("return")
+    silent.command("return")

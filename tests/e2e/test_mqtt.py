@@ -120,21 +120,21 @@ def poll(board, on):
 
 
 def test_input_changes_are_told_by_block_and_by_bit(board, watcher, bus):
-    bus.order("set 3 0 41", "set 8 0 1B", "set F 3 80")
+    bus.command("set 3 0 41", "set 8 0 1B", "set F 3 80")
     poll(board, True)
     watcher.expect(TOPIC + "io a3b0d41")
     bits = [f"{TOPIC}card/3/0/{bit} {'ON' if bit in (0, 6) else 'OFF'}" for bit in range(8)]
     watcher.expect_next(TOPIC + "card/3/0 65", *bits)
     watcher.expect_next(TOPIC + "io a8b0d1B", TOPIC + "card/8/0 27")
     watcher.expect(TOPIC + "card/F/3 128")
-    bus.order("set 3 0 40")
+    bus.command("set 3 0 40")
     watcher.expect(TOPIC + "io a3b0d40")
     watcher.expect_next(TOPIC + "card/3/0 64", TOPIC + "card/3/0/0 OFF")
     poll(board, False)
 
 
 def test_home_assistant_gets_a_device_for_the_board_and_each_card(broker, watcher):
-    devices = {name.split("/")[2]: entry for name, entry in broker.documents().items()}
+    devices = {name.split("/")[2]: entry for name, entry in broker.discovered().items()}
     assert sorted(devices) == ["talp_b", *(f"talp_b_{digit}" for digit in "03458EF")]
     parts = [part for entry in devices.values() for part in entry["components"].values()]
     counts = collections.Counter(part["platform"] for part in parts)
@@ -150,7 +150,7 @@ def test_home_assistant_gets_a_device_for_the_board_and_each_card(broker, watche
 
 
 def test_entities_keep_their_ids_and_have_short_names(broker):
-    devices = broker.documents()
+    devices = broker.discovered()
     for card, key, name, identity in (
         ("5", "1_2", "Output 1.2", "talp_b_card5_1_2"),
         ("3", "0_3", "Input 0.3", "talp_b_card3_0_3"),
@@ -166,7 +166,7 @@ def test_entities_keep_their_ids_and_have_short_names(broker):
 
 
 def test_the_topics_of_each_entity_do_what_home_assistant_would_do_with_them(broker, watcher):
-    devices = broker.documents().values()
+    devices = broker.discovered().values()
     parts = [part for entry in devices for part in entry["components"].values()]
     for part in parts:
         if part["platform"] in ("switch", "number"):
@@ -183,7 +183,7 @@ def test_the_topics_of_each_entity_do_what_home_assistant_would_do_with_them(bro
 def test_a_card_that_is_gone_leaves_no_topic_and_no_device(board, broker, watcher, bus):
     broker.publish_lines(TOPIC + "card/5/1/7/set", ("ON", "OFF"))
     watcher.expect(TOPIC + "card/5/1/7 OFF")
-    bus.order("card 5 none", "card 3 keypad")
+    bus.command("card 5 none", "card 3 keypad")
     cae = board.patient_client("CAE")
     cae.ask("FORCEDISCOVER", "FORCED DISCOVER LIST:")
     cae.close()
@@ -192,7 +192,7 @@ def test_a_card_that_is_gone_leaves_no_topic_and_no_device(board, broker, watche
     watcher.expect(TOPIC + "card/5/1/7 (null)")
     watcher.expect(TOPIC + "card/5/kind (null)")
     assert broker.retained(TOPIC + "card/5/#") == {}
-    devices = broker.documents()
+    devices = broker.discovered()
     assert "homeassistant/device/talp_b_5/config" not in devices
     assert list(devices["homeassistant/device/talp_b_3/config"]["components"]) == ["0"]
 

@@ -111,7 +111,7 @@ def test_a_client_that_floods_does_not_keep_inputs_from_their_topics(broker, bri
         thread = threading.Thread(target=flood, args=[publisher])
         thread.start()
         for value in "01", "02", "03":
-            bus.order(f"set 3 0 {value}")
+            bus.command(f"set 3 0 {value}")
             watcher.expect(f"{TOPIC}card/3/0 {int(value)}")
         check_memory(bridge)
         if topic == "card/5/1/set":

@@ -82,10 +82,10 @@ def test_each_board_has_its_own_topics(board, broker, options):
     for name in boards:
         watcher.expect(f"talp/{name}/card/5/kind 16 channel DIGITAL OUTPUT")
     for value, (name, bus) in enumerate(buses.items(), 1):
-        bus.order(f"set 3 0 {value:02X}")
+        bus.command(f"set 3 0 {value:02X}")
         watcher.expect(f"talp/{name}/card/3/0 {value}")
         broker.publish(f"talp/{name}/card/5/1/set", str(value))
         bus.expect(f"out 5 dout b0=FF b1={value:02X}")
     values = {topic[5:6]: value for topic, value in broker.retained("talp/+/card/5/1").items()}
     assert values == {"a": "1", "b": "2", "c": "3"}
-    assert broker.documents() == {}  # they were switched off
+    assert broker.discovered() == {}  # they were switched off

@@ -80,34 +80,34 @@ def test_a_broker_that_restarts_is_told_all_again(broker, bridge, bus):
     bus.expect("out 5 dout b0=FF b1=FB")
     told = lambda: len(broker.retained(TOPIC + "card/#")) == TOPICS
     wait_for("all topics of the cards", told)
-    before, documents = retained(broker), broker.documents()
+    before, discovered = retained(broker), broker.discovered()
     assert before[TOPIC + "status"] == "online"
-    assert len(documents) == 8
+    assert len(discovered) == 8
     broker.stop()
     bridge.expect(BROKEN)
-    bus.order("set 3 0 40")  # its line comes while the broker is away
+    bus.command("set 3 0 40")  # its line comes while the broker is away
     broker.start()
     bridge.expect(BACK)
     changed = before | {TOPIC + "card/3/0": "64", TOPIC + "card/3/0/6": "ON"}
     wait_for("what was told before and came meanwhile", lambda: retained(broker) == changed)
-    assert broker.documents() == documents
+    assert broker.discovered() == discovered
 
 
 def test_a_silent_broker_is_given_up_and_holds_what_is_true_later(broker, bridge, watcher, bus):
     broker.program.process.send_signal(signal.SIGSTOP)
     bridge.expect(BROKEN)
-    bus.order("set 3 0 41")
+    bus.command("set 3 0 41")
     broker.program.process.send_signal(signal.SIGCONT)
     bridge.expect(BACK)
     watcher.expect(TOPIC + "card/3/0 65")
 
 
 def test_an_adapter_that_comes_back_goes_on(board, bridge, watcher, bus):
-    bus.order("hangup")
+    bus.command("hangup")
     board.log.expect(f"[INF] comm timeout {ADAPTER}", "[ERR] ttyUSB devices couldn't be found")
-    bus.order("return")
+    bus.command("return")
     board.log.expect(*hardware_found())
-    bus.order("set 3 0 42")
+    bus.command("set 3 0 42")
     watcher.expect(TOPIC + "card/3/0 66")
 
 
@@ -123,7 +123,7 @@ def test_after_a_restart_of_the_daemon_inputs_are_asked_for_and_motors_not_known
     broker.publish(TOPIC + "card/4/0/set", "255")
     refusal = f"{TOPIC}error {TOPIC}card/4/0/set '255': the IO port is not connected.*"
     watcher.expect(re.compile(refusal))
-    bus.order("set 3 1 01", "set 3 0 00")
+    bus.command("set 3 1 01", "set 3 0 00")
     board.start(poll=True)
     bridge.expect(GREETED)
     watcher.expect(TOPIC + "status online")

@@ -16,7 +16,7 @@ REFUSED = re.compile(".*error .*: the card bus is not connected")
 @pytest.fixture(scope="module")
 def started(board, card_bus, daemon):
     """Inputs are active before anybody looks."""
-    card_bus.order("set 3 0 41", "set 8 0 1B", "set F 3 80")
+    card_bus.command("set 3 0 41", "set 8 0 1B", "set F 3 80")
     wait_for_cards(board)
 
 
@@ -54,7 +54,7 @@ def states(broker):
 
 def outputs(bus):
     """What frames have shown of the outputs since the last call."""
-    bus.order()
+    bus.command()
     shown = [line for line in bus.lines if line.startswith("out")]
     bus.lines.clear()
     return shown
@@ -66,13 +66,13 @@ def command(broker, bus, topic, payload, shown):
 
 
 def pull(board, bus, watcher):
-    bus.order("hangup")
+    bus.command("hangup")
     board.log.expect(*LOST)
     watcher.expect(TOPIC + "status offline")
 
 
 def plug_in(board, bus, watcher):
-    bus.order("return")
+    bus.command("return")
     board.log.expect(*hardware_found())
     watcher.expect(TOPIC + "status online")
     watcher.expect(TOPIC + "io aFb5d00")
@@ -122,7 +122,7 @@ def test_without_an_adapter_nothing_is_sent_neither_now_nor_later(board, broker,
         broker.publish(CARD + topic + "/set", payload)
         watcher.expect(REFUSED)
     assert "4/0" not in states(broker)
-    bus.order("set 3 0 40")
+    bus.command("set 3 0 40")
     plug_in(board, bus, watcher)
     assert not [line for line in outputs(bus) if line.startswith("out 4")]
     assert states(broker)["3/0"] == "64"
@@ -137,7 +137,7 @@ def test_the_first_command_after_a_rediscovery_changes_one_output(board, broker,
     plug_in(board, bus, watcher)
     outputs(bus)
     command(broker, bus, "5/1/5", "OFF", re.compile("out 5 .*"))
-    bus.order()
+    bus.command()
     assert not [line for line in bus.lines if line.startswith("out")]
     assert bus.skipped
     watcher.expect(CARD + "5/1 32")
@@ -192,18 +192,18 @@ def test_a_log_that_is_rotated_or_comes_later_is_still_watched(board, bus, start
     log, rotated = board.work / "talp.log", board.work / "talp.log.1"
     watcher = start()
     log.rename(rotated)
-    bus.order("hangup")
+    bus.command("hangup")
     watcher.expect(TOPIC + "bus offline")
-    bus.order("return")
+    bus.command("return")
     watcher.expect(TOPIC + "status online")
     with rotated.open("a", encoding="latin-1") as file:
         file.write(log.read_text(encoding="latin-1"))
     log.unlink()
     watcher = start()  # the end of the rotated log tells
     assert "bus online" in watcher.recent[-1] + "".join(watcher.recent)
-    bus.order("hangup")
+    bus.command("hangup")
     watcher.expect(TOPIC + "bus offline")
-    bus.order("return")
+    bus.command("return")
     watcher.expect(TOPIC + "bus online")
     with rotated.open("a", encoding="latin-1") as file:
         file.write(log.read_text(encoding="latin-1"))

@@ -71,13 +71,13 @@ class House:
         self.missing.add("broker")
 
     def pull_adapter(self):
-        self.bus.order("hangup")
+        self.bus.command("hangup")
         self.missing.add("adapter")
 
     def change_inputs(self):
         for place in self.dice.sample(sorted(self.inputs), 3):
             self.inputs[place] = self.dice.randrange(256)
-            self.bus.order(f"set {place[0]} {place[1]} {self.inputs[place]:02X}")
+            self.bus.command(f"set {place[0]} {place[1]} {self.inputs[place]:02X}")
 
     def command(self):
         """Topic and payload for one output."""
@@ -111,7 +111,7 @@ class House:
         """In any order."""
         for name in self.dice.sample(sorted(self.missing), len(self.missing)):
             if name == "adapter":
-                self.bus.order("return")
+                self.bus.command("return")
             elif name == "broker":
                 self.broker.start()
             elif name == "daemon":
@@ -126,7 +126,7 @@ class House:
 
     def look(self):
         """Takes in what the cards show."""
-        self.bus.order()
+        self.bus.command()
         for card, text in filter(None, map(self.shown, self.bus.lines)):
             values = [part.rpartition("=")[2] for part in text.split()]
             for block, value in enumerate(values):

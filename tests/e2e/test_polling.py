@@ -47,7 +47,7 @@ def cae(board, pid):
 def test_a_lost_reply_ends_the_walk_and_the_other_queues_are_served_first_on_the_new_link(
     board, cae, bus
 ):
-    bus.order("fault lost on poll")
+    bus.command("fault lost on poll")
     switch_polling(cae, True)
     board.log.expect(TIMEOUT, *hardware_found())
     bus.expect(HANDSHAKE[0])
@@ -59,7 +59,7 @@ def test_a_lost_reply_ends_the_walk_and_the_other_queues_are_served_first_on_the
 
 
 def test_an_error_reply_does_not_end_the_walk(cae, bus):
-    bus.order("fault error=4E on poll")
+    bus.command("fault error=4E on poll")
     switch_polling(cae, True)
     assert requests(bus, 6) == 2 * polls(DIN, KEYPAD, ANALOG)
     switch_polling(cae, False)
@@ -67,13 +67,13 @@ def test_an_error_reply_does_not_end_the_walk(cae, bus):
 
 def test_requests_wait_in_the_queue_of_their_card_and_the_console_behind_them(board, cae, bus):
     io = board.client("IO")
-    bus.order("hangup")
+    bus.command("hangup")
     io.send("a5b0d01\r\n")  # finds that the adapter is gone
     board.log.expect(TIMEOUT)
     board.log.expect("[ERR] ttyUSB devices couldn't be found")
     io.send("a5b0d02\r\na0b4d10\r\n")
     cae.ask("REBOOT:F", "CIE: BUS WRITE ERROR", ">")
-    bus.order("return")
+    bus.command("return")
     board.log.expect(*hardware_found())
     servo, output = "rx 09 10 00 06 80 80 80 80 10 80", "rx 05 10 05 02 02 FF"
     assert requests(bus, 5)[1:] == [servo, output, "rx 04 50 0F 01 AB", "rx 01 30"]
@@ -89,7 +89,7 @@ def test_poll_off_stops_polling_that_card(cae, bus):
 
 
 def test_a_card_that_an_output_card_has_replaced_is_polled_no_more(board, cae, bus):
-    bus.order("card 8 dout", "hangup", "return")
+    bus.command("card 8 dout", "hangup", "return")
     cae.ask("REBOOT:5", "CIE: BUS WRITE ERROR", ">")
     board.log.expect(TIMEOUT, *hardware_found())
     bus.expect("rx 01 30")
@@ -99,21 +99,21 @@ def test_a_card_that_an_output_card_has_replaced_is_polled_no_more(board, cae, b
     doubled = [frame + " " + frame for frame in (DIN, ANALOG)]
     assert requests(bus, 4) == 2 * polls(*doubled)
     switch_polling(cae, False)
-    bus.order("card 8 keypad")
+    bus.command("card 8 keypad")
 
 
 def test_an_answer_for_an_address_that_no_card_can_have_is_dropped(board, cae, bus):
     io = board.client("IO")
-    bus.order("set 3 0 41", "fault misaddressed=F0 on poll", "fault misaddressed=F0 on direct")
+    bus.command("set 3 0 41", "fault misaddressed=F0 on poll", "fault misaddressed=F0 on direct")
     cae.ask("REBOOT:5", "CIE: BUS WRITE ERROR", ">")
     switch_polling(cae, True)
     io.expect("a3b0d41\r\n\r")
     switch_polling(cae, False)
-    bus.order("set 3 0 00")
+    bus.command("set 3 0 00")
 
 
 def test_a_long_stray_reply_is_dropped_before_the_next_request(board, cae, bus):
-    bus.order("fault late=100 on direct", "fault late=3000 on discovery")
+    bus.command("fault late=100 on direct", "fault late=3000 on discovery")
     switch_polling(cae, False)
     cae.send("FORCEDISCOVER\r\n")
     cae.expect_after(">\r\n\r")
@@ -125,11 +125,11 @@ def test_a_long_stray_reply_is_dropped_before_the_next_request(board, cae, bus):
 def test_a_bus_that_does_not_answer_leaves_no_adapter_open(board, pid, cae, bus):
     opened = lambda: [file for file in os.listdir(f"/proc/{pid}/fd") if is_adapter(pid, file)]
     assert len(opened()) == 1
-    bus.order("fault lost forever")
+    bus.command("fault lost forever")
     cae.ask("REBOOT:5", "CIE: BUS WRITE ERROR", ">")
     board.log.expect(TIMEOUT, TIMEOUT)
     wait_for("the adapter's end", lambda: not opened(), None, opened)
-    bus.order("fault off")
+    bus.command("fault off")
     board.log.expect(*hardware_found())
 
 

@@ -112,7 +112,7 @@ class Broker:
         watcher.close()
         return dict(line.split(" ", 1) for line in lines)
 
-    def documents(self):
+    def discovered(self):
         return {name: json.loads(text) for name, text in self.retained("homeassistant/#").items()}
 
     def start_bridge(self, board, *options, node, host=HOST, port=None):

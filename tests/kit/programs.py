@@ -60,10 +60,10 @@ class Bus(Program):
 
     def __init__(self, program, *options):
         super().__init__("card bus", [program, *options])
-        self.order()
+        self.command()
         self.lines.clear()
 
-    def order(self, *commands):
+    def command(self, *commands):
         """Carried out before the next frame of the daemon, and done when this returns."""
         self.type(*commands, "sync")
         self.wait_for("sync", lambda: "sync" in self.lines)
