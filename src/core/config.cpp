@@ -50,33 +50,21 @@ constexpr ELEMENT_RULE kElementRules[] = {
      [](const char* value, CONFIG_DESCRIPTOR* c) { c->autoDiscover = ATOB(value); }},
 };
 
-// Of the entries below `Interfaces`. False: the value is refused.
+// Of the entries below `Interfaces`.
 struct ENTRY_RULE {
   const char* attribute;
-  bool (*apply)(const char* value, INTERFACE_DESCRIPTOR* interface);
+  void (*apply)(const char* value, INTERFACE_DESCRIPTOR* interface);
 };
 
+constexpr char kPort[] = "Port";
+
 constexpr ENTRY_RULE kEntryRules[] = {
-    {"Name",
-     [](const char* value, INTERFACE_DESCRIPTOR* i) {
-       i->name = value;
-       return true;
-     }},
+    {"Name", [](const char* value, INTERFACE_DESCRIPTOR* i) { i->name = value; }},
     {"InpSeparator",
-     [](const char* value, INTERFACE_DESCRIPTOR* i) {
-       i->inpSeparator = Unescaped(value);
-       return true;
-     }},
+     [](const char* value, INTERFACE_DESCRIPTOR* i) { i->inpSeparator = Unescaped(value); }},
     {"OutSeparator",
-     [](const char* value, INTERFACE_DESCRIPTOR* i) {
-       i->outSeparator = Unescaped(value);
-       return true;
-     }},
-    {"Port",
-     [](const char* value, INTERFACE_DESCRIPTOR* i) {
-       i->port = NumberOf(value);
-       return i->port > kHighestRefusedPort;
-     }},
+     [](const char* value, INTERFACE_DESCRIPTOR* i) { i->outSeparator = Unescaped(value); }},
+    {kPort, [](const char* value, INTERFACE_DESCRIPTOR* i) { i->port = NumberOf(value); }},
 };
 
 // Reads one document. An operation that returns false has set the error text, and the reading ends.
@@ -131,9 +119,11 @@ bool CONFIG_READER::ReadInterfaces(const pugi::xml_node& element) {
 
 bool CONFIG_READER::ReadEntry(const pugi::xml_node& entry, INTERFACE_DESCRIPTOR* interface) {
   for (const pugi::xml_attribute& attribute : entry.attributes()) {
+    const std::string name = attribute.name();
     for (const ENTRY_RULE& rule : kEntryRules) {
-      if (std::strcmp(rule.attribute, attribute.name()) != 0) continue;
-      if (rule.apply(attribute.value(), interface)) continue;
+      if (name == rule.attribute) rule.apply(attribute.value(), interface);
+    }
+    if (name == kPort && interface->port <= kHighestRefusedPort) {
       config_.errorText = interface->name + " interface port number is less than 1025";
       return false;
     }
