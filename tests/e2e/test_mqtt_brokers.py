@@ -22,6 +22,7 @@ NO_TALP = ("--io-port=1", "--cae-port=0", *NO_HOME)  # of a bridge that is not t
 PORT = 8883
 RELAY = 1885
 FIVE = 5  # protocol level in CONNECT
+PUBACK = 0x40
 
 
 @pytest.fixture
@@ -103,6 +104,25 @@ def test_a_broker_that_refuses_is_not_asked_without_a_pause(board, broker):
                 attempts += 1
         assert 0 < attempts < 10
         bridge.close()
+
+
+def test_a_broker_that_refuses_a_message_is_told_of(board, broker, relay):
+    def refuse(from_client, packet):
+        is_answer = not from_client and packet[0] == PUBACK
+        return bytes((PUBACK, 3)) + packet[2:4] + b"\x87" if is_answer else packet
+
+    relay(refuse)
+    bridge = broker.start_bridge(board, *NO_TALP, node="b", port=RELAY)
+    bridge.expect(f"broker 127.0.0.1:{RELAY}: the broker refuses a message: Not authorized")
+    bridge.close()
+
+
+def test_a_message_that_is_too_long_for_the_broker_is_told_of(board, make_broker, started):
+    other = make_broker(board, "max_packet_size 1000", port=1886)
+    bridge = other.start_bridge(board, node="b")
+    bridge.expect(re.compile(".*: homeassistant/device/.*: longer than the broker takes"))
+    bridge.close()
+    other.stop()
 
 
 def test_nodes_that_differ_in_a_sign_only_do_not_disturb_each_other(board, broker):
