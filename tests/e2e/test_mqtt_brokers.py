@@ -7,10 +7,11 @@ import signal
 import socket
 import subprocess
 import time
+from pathlib import Path
 
 import pytest
 
-from kit.cards import wait_for_cards
+from kit.cards import KINDS, wait_for_cards
 from kit.expecting import read_file, wait_for
 from kit.relay import Relay
 from kit.sandbox import needs_namespaces
@@ -122,6 +123,32 @@ def test_a_message_that_is_too_long_for_the_broker_is_told_of(board, make_broker
     bridge = other.start_bridge(board, node="b")
     bridge.expect(re.compile(".*: homeassistant/device/.*: longer than the broker takes"))
     bridge.close()
+    other.stop()
+
+
+def test_the_access_list_of_the_manual_is_enough_and_keeps_a_board_to_its_node(
+    board, make_broker, started, bus
+):
+    manual = Path(__file__).parents[2] / "man/talp-mqtt.8"
+    *rules, device = re.search(r"user attic\n[^.]*", manual.read_text())[0].splitlines()
+    devices = [device.replace("attic_5", f"attic_{kind[0]}") for kind in KINDS]
+    file = board.work / "rules"
+    file.write_text("\n".join(["topic readwrite #", *rules, *devices]))
+    other = make_broker(board, f"acl_file {file}", port=1886)
+    bridge = other.start_bridge(board, "--username=attic", node="attic")
+    bridge.expect("broker 127.0.0.1:1886: connected")
+    watcher = other.subscribe("talp/attic/#")
+    watcher.expect("talp/attic/status online")
+    other.publish("talp/attic/card/4/0/set", "9")
+    bus.expect("out 4 motor 09 00 00 00")
+    wait_for("the devices", lambda: len(other.documents()) == 8)
+    bridge.pull()
+    assert not [line for line in bridge.lines if line.startswith("broker")]
+    bridge.close()
+    stranger = other.start_bridge(board, *NO_TALP, "--username=attic", node="cellar")
+    stranger.expect(re.compile("broker 127.0.0.1:1886: (?!connected).*"))
+    assert other.retained("talp/cellar/#") == {}
+    stranger.close()
     other.stop()
 
 
