@@ -179,7 +179,7 @@ def test_a_list_of_cards_that_is_not_whole_is_asked_for_again(broker, talp, fake
     assert broker.retained("talp/fake/card/#") == {"talp/fake/card/F/kind": KINDS[15]}
 
 
-def ask_for_inputs(console, kinds=tuple(LISTED), polled="ENABLED"):
+def ask_for_inputs(console, kinds=tuple(LISTED), polled="ENABLED", blocks=("F=0", "F=1")):
     """A whole visit."""
     console.accept()
     console.greet()
@@ -187,10 +187,17 @@ def ask_for_inputs(console, kinds=tuple(LISTED), polled="ENABLED"):
     console.say("COE:Illegal command -> x", ">", "DISCOVER LIST:", *kinds, ">")
     assert console.hear() == "POLLSTATE\r\n"
     console.say(f"CIA: GLOBAL POLLING IS {polled}", "PTI:0xF:ON", ">")
-    for block in "01":
-        assert console.hear() == f"GETLASTINPST:F={block}\r\n"
+    for block in blocks:
+        assert console.hear() == f"GETLASTINPST:{block}\r\n"
         console.say("CIA: LAST INPUT STATE SENT ON IO INTERFACE", ">")
     assert console.hear() == ""  # the place belongs to people
+
+
+def test_all_inputs_of_a_full_bus_are_asked_for_in_one_visit(talp, fake_bridge):
+    _, console = talp
+    kinds = [f"DTI:0x{address:X}:6 channel ANALOGUE INPUT" for address in range(16)]
+    blocks = [f"{address:X}={block}" for address in range(16) for block in range(6)]
+    ask_for_inputs(console, kinds, blocks=blocks)
 
 
 def test_the_cards_are_asked_for_again_when_an_empty_address_speaks(broker, talp, fake_bridge):

@@ -7,10 +7,11 @@ import signal
 import socket
 import subprocess
 import time
+from pathlib import Path
 
 import pytest
 
-from kit.cards import wait_for_cards
+from kit.cards import KINDS, wait_for_cards
 from kit.expecting import read_file, wait_for
 from kit.relay import Relay
 from kit.sandbox import needs_namespaces
@@ -22,6 +23,7 @@ NO_TALP = ("--io-port=1", "--cae-port=0", *NO_HOME)  # of a bridge that is not t
 PORT = 8883
 RELAY = 1885
 FIVE = 5  # protocol level in CONNECT
+PUBACK = 0x40
 
 
 @pytest.fixture
@@ -103,6 +105,51 @@ def test_a_broker_that_refuses_is_not_asked_without_a_pause(board, broker):
                 attempts += 1
         assert 0 < attempts < 10
         bridge.close()
+
+
+def test_a_broker_that_refuses_a_message_is_told_of(board, broker, relay):
+    def refuse(from_client, packet):
+        is_answer = not from_client and packet[0] == PUBACK
+        return bytes((PUBACK, 3)) + packet[2:4] + b"\x87" if is_answer else packet
+
+    relay(refuse)
+    bridge = broker.start_bridge(board, *NO_TALP, node="b", port=RELAY)
+    bridge.expect(f"broker 127.0.0.1:{RELAY}: the broker refuses a message: Not authorized")
+    bridge.close()
+
+
+def test_a_message_that_is_too_long_for_the_broker_is_told_of(board, make_broker, started):
+    other = make_broker(board, "max_packet_size 1000", port=1886)
+    bridge = other.start_bridge(board, node="b")
+    bridge.expect(re.compile(".*: homeassistant/device/.*: longer than the broker takes"))
+    bridge.close()
+    other.stop()
+
+
+def test_the_access_list_of_the_manual_is_enough_and_keeps_a_board_to_its_node(
+    board, make_broker, started, bus
+):
+    manual = Path(__file__).parents[2] / "man/talp-mqtt.8"
+    *rules, device = re.search(r"user attic\n[^.]*", manual.read_text())[0].splitlines()
+    devices = [device.replace("attic_5", f"attic_{kind[0]}") for kind in KINDS]
+    file = board.work / "rules"
+    file.write_text("\n".join(["topic readwrite #", *rules, *devices]))
+    other = make_broker(board, f"acl_file {file}", port=1886)
+    bridge = other.start_bridge(board, "--username=attic", node="attic")
+    bridge.expect("broker 127.0.0.1:1886: connected")
+    watcher = other.subscribe("talp/attic/#")
+    watcher.expect("talp/attic/status online")
+    other.publish("talp/attic/card/4/0/set", "9")
+    bus.expect("out 4 motor 09 00 00 00")
+    wait_for("the devices", lambda: len(other.discovered()) == 8)
+    bridge.pull()
+    assert not [line for line in bridge.lines if line.startswith("broker")]
+    bridge.close()
+    stranger = other.start_bridge(board, *NO_TALP, "--username=attic", node="cellar")
+    stranger.expect(re.compile("broker 127.0.0.1:1886: (?!connected).*"))
+    assert other.retained("talp/cellar/#") == {}
+    stranger.close()
+    other.stop()
 
 
 def test_nodes_that_differ_in_a_sign_only_do_not_disturb_each_other(board, broker):

@@ -10,8 +10,6 @@ import re
 import signal
 import time
 
-import pytest
-
 from kit.board import Client
 from kit.cards import ALL_CARDS, VERSION
 from kit.expecting import FAILURE, wait_for
@@ -214,7 +212,6 @@ class House:
         self.check_watcher()
 
 
-@pytest.mark.filterwarnings("ignore")
 def test_topics_and_cards_agree_whatever_is_restarted_lost_or_sent(board, make_broker):
     seed = int(os.environ.get("TALP_SEED", random.randrange(1 << 32)))
     print(f"TALP_SEED={seed}")

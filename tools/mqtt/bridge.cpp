@@ -98,7 +98,9 @@ void BRIDGE::TakeConsoleLine(const std::string& line) {
     }
     if (visit_.State() == CONSOLE_VISIT::STATE::kDone) return console_.Leave();
   }
-  if (!next.empty()) console_.Send({next});
+  if (next.empty()) return;
+  console_.Answered();
+  console_.Send({next});
 }
 
 // Until something happens, or it is time. True when a signal has come.

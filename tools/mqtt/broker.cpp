@@ -25,10 +25,12 @@ constexpr seconds kAnswerTime(15);
 constexpr milliseconds kQuietTime(500);
 constexpr seconds kReadTime(10);
 
-// The library hands out its own codes and, from 128 on, the reasons of the broker.
+// The library hands out its own codes and, from here on, the broker's reasons to refuse.
+constexpr int kFirstFailure = 128;
+
 std::string TextOf(int code) {
   if (code == MOSQ_ERR_ERRNO) return std::generic_category().message(errno);
-  return code < 128 ? mosquitto_strerror(code) : mosquitto_reason_string(code);
+  return code < kFirstFailure ? mosquitto_strerror(code) : mosquitto_reason_string(code);
 }
 
 const char* OrNull(const std::string& s) { return s.empty() ? nullptr : s.c_str(); }
@@ -99,6 +101,7 @@ void BROKER::Publish(const std::string& topic, const std::string& payload, bool 
   const int size = static_cast<int>(payload.size());
   const int status =
       mosquitto_publish(client_.get(), &id, topic.c_str(), size, payload.data(), qos, retain);
+  if (status == MOSQ_ERR_OVERSIZE_PACKET) Report(topic + ": longer than the broker takes");
   if (status != MOSQ_ERR_SUCCESS) return;
   if (qos == 0) unsent_ += topic.size();
   unacknowledged_[id] = qos == 0 ? topic.size() : 0;
@@ -154,8 +157,10 @@ BROKER::CLIENT BROKER::NewClient() {
   mosquitto_disconnect_callback_set(client, [](mosquitto*, void* self, int code) {
     static_cast<BROKER*>(self)->Trouble(TextOf(code));
   });
-  mosquitto_publish_callback_set(
-      client, [](mosquitto*, void* self, int id) { static_cast<BROKER*>(self)->OnDelivered(id); });
+  mosquitto_publish_v5_callback_set(
+      client, [](mosquitto*, void* self, int id, int reason, const mosquitto_property*) {
+        static_cast<BROKER*>(self)->OnDelivered(id, reason);
+      });
   mosquitto_subscribe_callback_set(
       client, [](mosquitto*, void* self, int, int count, const int* granted) {
         static_cast<BROKER*>(self)->OnSubscribed({granted, granted + count});
@@ -252,8 +257,9 @@ void BROKER::OnMessage(const mosquitto_message& message) {
   if (message.retain && !payload.empty()) user_->OnRetained(message.topic, payload);
 }
 
-void BROKER::OnDelivered(int id) {
+void BROKER::OnDelivered(int id, int reason) {
   ++received_;
+  if (reason >= kFirstFailure) Report("the broker refuses a message: " + TextOf(reason));
   const auto found = unacknowledged_.find(id);
   if (found == unacknowledged_.end()) return;
   unsent_ -= found->second;

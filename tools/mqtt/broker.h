@@ -99,7 +99,7 @@ class BROKER : public ATTEMPTS {
   void OnConnected(int reason);
   void OnSubscribed(const std::vector<int>& granted);
   void OnMessage(const mosquitto_message& message);
-  void OnDelivered(int id);
+  void OnDelivered(int id, int reason);
   void ReadBack();
   void Serve();
   void Subscribe(const std::vector<std::string>& filters);

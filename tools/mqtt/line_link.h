@@ -37,6 +37,9 @@ class LINE_LINK : public ATTEMPTS {
   // before, or the connection is lost.
   bool Send(const LINES& lines);
 
+  // talp has answered what was sent, so it has read all of it.
+  void Answered() { unread_ = 0; }
+
   // Milliseconds after which Send() may succeed again.
   int Pause() const;
 

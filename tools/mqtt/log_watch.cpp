@@ -51,6 +51,7 @@ LOG_WATCH::LOG_WATCH(std::string path, const std::string& reason) : path_(std::m
   }
   // A log that was rotated lately may have nothing of the bus yet. The end of the one before has.
   if (Open(path_ + ".1")) ReadAll();
+  line_.clear();
   file_.Close();
   Open(path_);
 }

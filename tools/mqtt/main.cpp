@@ -34,7 +34,8 @@ std::string Unreadable(const std::string& path) {
 }
 
 std::string NoTopic(const std::string& name) {
-  const bool fits = !name.empty() && name.size() <= kLongestName &&
+  // Those that begin with $ are the broker's own.
+  const bool fits = !name.empty() && name.size() <= kLongestName && name[0] != '$' &&
                     mosquitto_pub_topic_check(name.c_str()) == 0 &&
                     mosquitto_validate_utf8(name.c_str(), static_cast<int>(name.size())) == 0;
   return fits ? "" : "'" + name + "' cannot be part of a topic";

@@ -273,7 +273,9 @@ void NODE::OnLine(const std::string& line) {
   Publish(names.root + "io", line, false);
   if (!greeted_ || line.size() < 7 || line[0] != 'a' || line[2] != 'b' || line[4] != 'd') return;
   const int address = HexCharToByte(line[1]);
-  OnInput(address, HexCharToByte(line[3]), HexNum2Byte(line[5], line[6]));
+  const int block = HexCharToByte(line[3]);
+  if (block >= kTopicBlocks) return;
+  OnInput(address, block, HexNum2Byte(line[5], line[6]));
   heard_.set(static_cast<std::size_t>(address));
   // A card that was not there yet when the console was asked.
   if (CardAt(address).Is(kKindEmpty)) AskConsole();
