@@ -4,6 +4,7 @@
 // Texts of the log by which other programs tell what the daemon does; fixed, double blanks too, see
 // docs/architecture.md. Those that end with a blank are followed by the path of an adapter.
 constexpr char kLogStarted[] = "talp is started";
+constexpr char kLogStopped[] = "talp is stopped by SIGTERM or SIGINT";
 constexpr char kLogNoAdapter[] = "ttyUSB devices couldn't be found";
 constexpr char kLogTrying[] = "try to catch hardware on ";
 constexpr char kLogFound[] = "hardware found on ";

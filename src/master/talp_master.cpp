@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "core/byte_list.h"
+#include "core/log_texts.h"
 #include "core/sleepsec.h"
 #include "core/talp.h"
 #include "master/cae_commands.h"
@@ -59,7 +60,7 @@ bool TALP::StopSignalled() {
   mon_->mf_SIGhandler(number);
   serial_->mf_SIGhandler(number);
   if (number != SIGINT && number != SIGTERM) return false;
-  logger_.LOG(kInfo, "talp is stopped by SIGTERM or SIGINT", kLogLevel);
+  logger_.LOG(kInfo, kLogStopped, kLogLevel);
   return true;
 }
 

@@ -6,6 +6,8 @@
 #include <iterator>
 #include <utility>
 
+#include "net/client_framing.h"
+
 namespace mqtt {
 
 namespace {
@@ -18,6 +20,11 @@ constexpr seconds kVisitTime(5);  // the console's place belongs to people
 constexpr seconds kLongestTurn(2);
 constexpr int kTick = 250;  // milliseconds: how often the log is read
 constexpr int kBusyTick = 20;
+
+// Whether `line` is the first one that the interface called `name` sends.
+bool IsGreeting(const std::string& line, const char* name) {
+  return BannerOf(name).rfind(line + "\r\n", 0) == 0;
+}
 
 }  // namespace
 
@@ -59,7 +66,7 @@ void BRIDGE::RunIo() {
   if (io_.Works() && IsBehind()) return;
   for (const std::string& line : io_.Run(true)) {
     NODE::OnLine(line);
-    if (io_.Works() || line != "TALP IO interface is ready") continue;
+    if (io_.Works() || !IsGreeting(line, "IO")) continue;
     io_.Succeeded("connected");
     NODE::OnIo(true);
   }
@@ -82,7 +89,7 @@ void BRIDGE::RunConsole() {
 void BRIDGE::TakeConsoleLine(const std::string& line) {
   std::string next;
   if (!console_.Works()) {
-    if (line != "TALP CAE interface is ready") return;
+    if (!IsGreeting(line, "CAE")) return;
     console_.Succeeded("connected");
     OnConsole();
     visit_ = {};

@@ -8,14 +8,15 @@
 #include <system_error>
 #include <utility>
 
+#include "net/client_framing.h"
+
 namespace mqtt {
 
 namespace {
 
-// talp takes for one message what one read yields, and a read takes 255 bytes wherever a line ends
-// in them. No line is cut in two if talp, which reads every 5 ms or sooner, also on a busy machine,
-// has read what was sent before more than 255 bytes wait for it.
-constexpr std::size_t kReadSize = 255;
+// talp takes for one message what one read yields, and a read takes kClientReadSize bytes wherever
+// a line ends in them. No line is cut in two if talp, which reads every 5 ms or sooner, also on a
+// busy machine, has read what was sent before more than that wait for it.
 constexpr milliseconds kReadTime(100);
 
 constexpr std::size_t kLongestLine = 4096;
@@ -61,7 +62,7 @@ bool LINE_LINK::Send(const LINES& lines) {
   std::string bytes;
   for (const std::string& line : lines) bytes += line + settings_.inpSeparator;
   if (CLOCK::now() >= allRead_) unread_ = 0;
-  if (!socket_.IsOpen() || unread_ + bytes.size() > kReadSize) return false;
+  if (!socket_.IsOpen() || unread_ + bytes.size() > kClientReadSize) return false;
   unread_ += bytes.size();
   allRead_ = CLOCK::now() + kReadTime;
   const ssize_t sent = send(socket_.Number(), bytes.data(), bytes.size(), MSG_NOSIGNAL);

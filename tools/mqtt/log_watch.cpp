@@ -9,11 +9,13 @@
 #include <system_error>
 #include <utility>
 
+#include "core/log_texts.h"
+
 namespace mqtt {
 
 namespace {
 
-constexpr std::size_t kTimestamp = 20;     // "2000-01-01 00:00:00 "
+constexpr std::size_t kTextAt = 26;        // behind "2000-01-01 00:00:00 [INF] "
 constexpr std::size_t kLongestLine = 512;  // of a longer one the rest says nothing
 constexpr off_t kOldest = 1048576;         // bytes before the end that are read at first
 constexpr int kReadsAtOnce = 16;
@@ -26,20 +28,17 @@ constexpr seconds kDiscoveryTime(3);
 constexpr seconds kTryingTime(10);
 
 constexpr BUS_NEWS kMeanings[] = {
-    {"[INF] hardware found on ", BUS::kOnline, kDiscoveryTime},
-    {"[INF] try to catch hardware on ", BUS::kOnline, kTryingTime},
-    {"[INF] comm timeout ", BUS::kOffline, {}},
-    {"[ERR] ttyUSB devices couldn't be found", BUS::kOffline, {}},
-    {"[ERR] unable to  open ", BUS::kOffline, {}},
-    {"[INF] talp is started", BUS::kOffline, {}},
-    {"[INF] talp is stopped by ", BUS::kOffline, {}},
+    {kLogFound, BUS::kOnline, kDiscoveryTime}, {kLogTrying, BUS::kOnline, kTryingTime},
+    {kLogTimeout, BUS::kOffline, {}},          {kLogNoAdapter, BUS::kOffline, {}},
+    {kLogCannotOpen, BUS::kOffline, {}},       {kLogStarted, BUS::kOffline, {}},
+    {kLogStopped, BUS::kOffline, {}},
 };
 
 }  // namespace
 
 const BUS_NEWS* BusNewsOf(const std::string& line) {
   for (const BUS_NEWS& news : kMeanings) {
-    if (line.size() > kTimestamp && line.rfind(news.text, kTimestamp) == kTimestamp) return &news;
+    if (line.size() > kTextAt && line.rfind(news.text, kTextAt) == kTextAt) return &news;
   }
   return nullptr;
 }

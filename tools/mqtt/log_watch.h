@@ -13,7 +13,7 @@ namespace mqtt {
 
 // What a line of talp's log says of the bus.
 struct BUS_NEWS {
-  const char* text;  // with which the line begins, behind its time
+  const char* text;  // with which the line begins, behind its time and level
   BUS bus;
   seconds delay;  // until a bus that is online can be used, if no other line comes
 };

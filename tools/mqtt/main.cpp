@@ -9,15 +9,15 @@
 #include <iostream>
 #include <map>
 
+#include "core/logger.h"
+#include "core/paths.h"
 #include "mqtt/bridge.h"
 
 using namespace mqtt;
 
 namespace {
 
-constexpr char kConfigFile[] = "/etc/talp/talpconf.xml";
 constexpr std::size_t kLongestName = 255;  // bytes: a node's topics stay far below what MQTT allows
-constexpr int kHighestLogLevel = 1;        // with a higher one talp writes nothing
 
 struct OPTIONS {
   BRIDGE_OPTIONS bridge;
@@ -95,7 +95,7 @@ void FindLog(OPTIONS* o) {
   std::string* const reason = &o->bridge.noLogReason;
   if (!isLocal) *reason = "talp runs on another machine";
   if (isLocal && !isConfigured) *reason = "both ports are given, so its log is not known";
-  if (isLocal && isConfigured && o->bridge.config.logLevel > kHighestLogLevel) {
+  if (isLocal && isConfigured && o->bridge.config.logLevel > kLogLevel) {
     *reason = "the Loglevel in " + std::string(kConfigFile) + " leaves its lines out";
   }
   if (reason->empty()) o->bridge.log = o->bridge.config.logFile;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "mqtt/names.h"
+#include "net/client_framing.h"
 #include "net/io_command.h"
 
 namespace mqtt {
@@ -12,8 +13,6 @@ namespace mqtt {
 namespace {
 
 using nlohmann::json;
-
-constexpr std::size_t kReadSize = 255;  // what talp takes for one message
 
 std::string HexByte(unsigned value) {
   return {kHexDigits[value / 16 % 16], kHexDigits[value % 16]};
@@ -135,7 +134,7 @@ LINES Translate(const std::string& path, const std::string& payload, const CARDS
     std::size_t size = 0;
     for (const std::string& line : lines) {
       size += line.size() + separator.size();
-      Require(size <= kReadSize, "longer than what talp reads at once");
+      Require(size <= kClientReadSize, "longer than what talp reads at once");
       CheckLine(line, cards, separator);
     }
     return lines;
