@@ -121,7 +121,7 @@ class Board:
 
         The ports are three from `port` on. A named board has its own /etc/talp, /run/talp and
         /dev/ttyUSB*, which lie below `root`. Without real_time the daemon's pauses of two and
-        three seconds take a tenth.
+        three seconds take a hundredth.
         """
         sandbox.require()
         self.build = Path(build).resolve()
@@ -149,7 +149,7 @@ class Board:
         self.pause_file.chmod(0o666)
         self.path = self.work / "bin"
         self.path.mkdir()
-        shortened = "" if real_time else "0."
+        shortened = "" if real_time else "0.0"
         self.replace_sleep(SLEEP.format(record=self.pause_file, shortened=shortened))
         # An emulated daemon, with its emulator in the command, reads slowly enough without.
         self.preload = ""
