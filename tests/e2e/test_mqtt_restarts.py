@@ -17,9 +17,12 @@ PORTS = ("--io-port=5002", "--cae-port=5001")
 
 
 @pytest.fixture(scope="module")
-def started(started, card_bus):
-    """Inputs are active before a bridge looks."""
+def started(board, started, card_bus):
+    """Inputs are active before a bridge looks, and somebody has been told so."""
+    io = board.client("IO")
     card_bus.order("set 3 0 41", "set 8 0 1B", "set F 3 80")
+    io.expect_after("aFb3d80")  # the last of the three
+    io.close()
 
 
 @pytest.fixture
