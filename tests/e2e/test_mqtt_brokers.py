@@ -266,7 +266,7 @@ def secured(board, make_broker):
     def options(password):
         (path / "password").write_text(password + "\n")
         (path / "conf").write_text(
-            f"# As a service would have them.\ntls-ca = {cert}\ntls-cert = {cert}\ntls-key = {key}\n"
+            f"# For a service.\ntls-ca = {cert}\ntls-cert = {cert}\ntls-key = {key}\n"
             f'username = board\npassword-file = {path}/password\nhome-assistant = ""\n'
         )
         return "--config", str(path / "conf"), "--cae-port=0"
