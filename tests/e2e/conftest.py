@@ -12,7 +12,7 @@ import shutil
 import pytest
 
 from kit.board import Board
-from kit.cards import ALL_CARDS, VERSION, hardware_found
+from kit.cards import ALL_CARDS, VERSION, hardware_found, wait_for_cards
 
 BOARDS = []  # of the module that is being played
 FAILED = pytest.StashKey[bool]()
@@ -84,6 +84,12 @@ def daemon(request, board, card_bus):
     pid = board.start(**getattr(request.module, "CONFIG", {}))
     board.log.expect(*hardware_found())
     return pid
+
+
+@pytest.fixture(scope="module")
+def started(board, daemon):
+    """It has found its cards."""
+    wait_for_cards(board)
 
 
 @pytest.fixture(scope="module")

@@ -182,13 +182,6 @@ class Soak:
         greeted.close()
         return client
 
-    def expect(self, line, *sources):
-        """Skips what comes before the line."""
-        for source in sources:
-            come = lambda: source.pull() or line in source.lines
-            wait_for(f"{source.name}: {line}", come, None, source.instead)
-            del source.lines[: source.lines.index(line) + 1]
-
     def next_value(self):
         self.value = self.value % 255 + 1  # what abusive clients have typed may set 0
         return f"{self.value:02X}"
@@ -207,15 +200,16 @@ class Soak:
         self.rotate_log()
         value = self.next_value()
         io.send(f"a5b0d{value}\r\n")
-        self.expect(f"a5b0d{value}", mon)
-        self.expect(f"out 5 dout b0={value} b1=FF", self.bus)
+        mon.expect(f"a5b0d{value}")
+        self.bus.expect(f"out 5 dout b0={value} b1=FF")
         cae.send("SPEED=90\r\n")  # answered behind the reports of wrong IO lines
         for line in CONSOLE["SPEED=90"]:
-            self.expect(line, cae)
+            cae.expect(line)
         for _ in range(2):  # in between all cards are polled
             value = self.next_value()
             self.bus.command(f"set 3 0 {value}")
-            self.expect(f"a3b0d{value}", io, mon)
+            for client in io, mon:
+                client.expect(f"a3b0d{value}")
 
     def exchange(self, *clients):
         """Lines of all sorts at once. Each has to come, in order, and nothing else."""

@@ -48,25 +48,6 @@ def test_forcediscover_lists_what_is_plugged_in_now(cae, bus):
     bus.command("card 1 none", "card 6 none")
 
 
-def test_getlastinpst_sends_the_last_input_once_more(cae, io, bus):
-    bus.command("set 3 0 40")
-    switch_polling(cae, True)
-    io.expect("a3b0d40\r\n\r")
-    switch_polling(cae, False)
-    cae.ask("GETLASTINPST:3=0", "CIA: LAST INPUT STATE SENT ON IO INTERFACE", ">")
-    io.expect("a3b0d40\r\n\r")
-
-
-def test_speed_takes_a_percentage(cae):
-    cae.ask("SPEED=75", "CIA: SPEED IS SET to 75%", ">")
-
-
-def test_a_card_command_waits_for_the_answer_of_the_card(cae, bus):
-    bus.command("answer F 2A")
-    cae.ask("GETANMASK:F", "CIA: MASK is GOT from card", "AMV:0xF:0x2A", ">")
-    bus.expect("rx 04 50 0F 40 01")
-
-
 def test_a_card_that_refuses_fails_the_command(cae, bus):
     bus.command("fault notq")
     cae.ask("SETMSR1:4=20", "CIE: PARAM WRITE ERROR", ">")

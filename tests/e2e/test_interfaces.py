@@ -45,7 +45,7 @@ def test_a_port_opens_again_after_two_pauses(board, io):
     leave(board, io)
     board.log.expect("[INF] IO interface listening on port 5002")
     assert board.pauses(2) == before[0] + 2
-    board.client("IO").close()
+    leave(board, board.client("IO"))
     assert board.pauses(3) == before[1] + 1
 
 

@@ -3,13 +3,17 @@
 import collections
 import json
 import re
+import signal
 import subprocess
 
 import pytest
 
 from kit.cards import DISCOVERY, switch_polling
+from kit.expecting import wait_for
+from kit.relay import FakeTalp
 
 TOPIC = "talp/b/"  # of the bridge's node
+BROKEN = re.compile("broker 127.0.0.1:1883: (?!connected).*")
 TEXT = {"clear": True, "light": True, "cursor": False, "text": "Hi", "column": 3, "line": 1}
 CLEAR_LIGHT_CURSOR_OFF = ("rx 04 10 0E 01 00", "rx 04 10 0E 01 01", "rx 04 10 0E 01 04")
 # Topic and payload, the frames on the wire, and the messages that tell.
@@ -92,6 +96,27 @@ def test_no_line_is_cut_in_two_however_many_come(broker, bus):
     broker.publish_lines(TOPIC + "card/E/lcd/set", [json.dumps({"text": text}) for text in texts])
     for text in texts:
         bus.expect(f'lcd E text 0,0 "{text}"')
+
+
+def test_every_line_of_a_fast_talp_comes_in_order(board, broker):
+    watcher = broker.subscribe("talp/fast/#")
+    talp = board.own(FakeTalp(6002, "TALP IO interface is ready"))
+    options = ("--io-port=6002", "--cae-port=0", "--home-assistant", "")
+    bridge = broker.start_bridge(board, *options, node="fast")
+    talp.accept()
+    talp.greet()
+    watcher.expect("talp/fast/status online")
+    lines = [f"a{n % 16:X}b{n // 16 % 2}d{n // 32 % 256:02X}" for n in range(8192)]
+    talp.say(*lines)
+    for line in lines:
+        watcher.expect(f"talp/fast/io {line}")
+        watcher.expect_next(f"talp/fast/card/{line[1]}/{line[3]} {int(line[5:], 16)}")
+    # Nobody has told the kind of the card, nor what its other outputs are.
+    broker.publish("talp/fast/card/5/2/1/set", "ON")
+    watcher.expect(re.compile("talp/fast/error .*are not known; send the block"))
+    # The last will is not needed: the bridge says itself that it goes.
+    bridge.close()
+    watcher.expect("talp/fast/status offline")
 
 
 def expect_refusal(watcher, topic, payload, reason):
@@ -180,6 +205,25 @@ def test_the_topics_of_each_entity_do_what_home_assistant_would_do_with_them(bro
     assert json.loads(rendered) == {"clear": True, "text": "Hello"}
 
 
+def test_a_broker_that_restarts_or_falls_silent_is_told_all_again(board, broker, bridge, bus):
+    poll(board, True)
+    held = lambda: broker.retained(TOPIC + "card/#")
+    before, discovered = held(), broker.discovered()
+    broker.stop()
+    bridge.expect(BROKEN)
+    bus.command("set 3 0 41")  # its line comes while the broker is away
+    broker.start()
+    changed = before | {TOPIC + "card/3/0": "65", TOPIC + "card/3/0/0": "ON"}
+    wait_for("what was told before and came meanwhile", lambda: held() == changed)
+    assert broker.discovered() == discovered
+    broker.program.process.send_signal(signal.SIGSTOP)
+    bridge.expect(BROKEN)
+    bus.command("set 3 0 40")
+    broker.program.process.send_signal(signal.SIGCONT)
+    wait_for("what came meanwhile", lambda: held().get(TOPIC + "card/3/0") == "64")
+    poll(board, False)
+
+
 def test_a_card_that_is_gone_leaves_no_topic_and_no_device(board, broker, watcher, bus):
     broker.publish_lines(TOPIC + "card/5/1/7/set", ("ON", "OFF"))
     watcher.expect(TOPIC + "card/5/1/7 OFF")
@@ -195,6 +239,16 @@ def test_a_card_that_is_gone_leaves_no_topic_and_no_device(board, broker, watche
     devices = broker.discovered()
     assert "homeassistant/device/talp_b_5/config" not in devices
     assert list(devices["homeassistant/device/talp_b_3/config"]["components"]) == ["0"]
+
+
+def test_a_taken_port_is_told_and_waited_for(board, broker, bridge):
+    second = broker.start_bridge(board, "--home-assistant", "", node="second")
+    second.expect(re.compile("IO port .*: no greeting, so another client is being served; waiting"))
+    status = "talp/second/status"
+    assert broker.retained(status) == {status: "offline"}
+    bridge.close()
+    broker.subscribe(status).expect(f"{status} online")
+    second.close()
 
 
 def test_wrong_options_are_named(board):

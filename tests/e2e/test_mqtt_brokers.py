@@ -11,55 +11,50 @@ from pathlib import Path
 
 import pytest
 
-from kit.cards import KINDS, wait_for_cards
+from kit.cards import KINDS
 from kit.expecting import read_file, wait_for
-from kit.relay import Relay
+from kit.relay import FakeTalp, Relay
 from kit.sandbox import needs_namespaces
 
 CONFIG = {"poll": True}
 TOPIC = "talp/b/"  # of the bridge's node
 NO_HOME = ("--home-assistant", "")
 NO_TALP = ("--io-port=1", "--cae-port=0", *NO_HOME)  # of a bridge that is not to do much
+# With the ports there is no log to be watched, by which the cards are ready after three seconds.
+PORTS = ("--io-port=5002", "--cae-port=5001")
 PORT = 8883
-RELAY = 1885
 FIVE = 5  # protocol level in CONNECT
 PUBACK = 0x40
+GREETING = "TALP IO interface is ready"
+REASON = b"\x20\x02\x00\x01"
 
 
 @pytest.fixture
-def relay(broker):
-    relays = []
+def relay_without_5(board, broker):
+    """Makes a relay that answers so to MQTT 5, and counts how often."""
 
-    def relay(edit):
-        relays.append(Relay(RELAY, broker.port, edit))
+    def made(answer):
+        def edit(from_client, packet):
+            if from_client and packet[0] == 0x10 and packet[packet.index(b"MQTT") + 4] == FIVE:
+                relay.refused += 1
+                raise EOFError(answer)
+            return packet
 
-    yield relay
-    for each in relays:
-        each.close()
+        relay = board.own(Relay(broker.port, edit))
+        relay.refused = 0
+        return relay
 
-
-@pytest.fixture(scope="module")
-def started(board, daemon):
-    wait_for_cards(board)
-
-
-def refuse_5(answer):
-    def edit(from_client, packet):
-        if from_client and packet[0] == 0x10 and packet[packet.index(b"MQTT") + 4] == FIVE:
-            raise EOFError(answer)
-        return packet
-
-    return edit
+    return made
 
 
-@pytest.mark.parametrize("answer", (b"\x20\x02\x00\x01", b""), ids=("with a reason", "without a word"))
+@pytest.mark.parametrize("answer", (REASON, b""), ids=("with a reason", "without a word"))
 def test_a_broker_that_refuses_mqtt_5_is_spoken_to_by_3_1_1(
-    board, broker, started, relay, bus, answer
+    board, broker, started, relay_without_5, bus, answer
 ):
-    relay(refuse_5(answer))
+    port = relay_without_5(answer).port
     watcher = broker.subscribe(TOPIC + "#")
-    bridge = broker.start_bridge(board, *NO_HOME, node="b", port=RELAY)
-    bridge.expect(f"broker 127.0.0.1:{RELAY}: connected by MQTT 3.1.1")
+    bridge = broker.start_bridge(board, *PORTS, *NO_HOME, node="b", port=port)
+    bridge.expect(f"broker 127.0.0.1:{port}: connected by MQTT 3.1.1")
     watcher.expect(TOPIC + "status online")
     wait_for("the kind of the card", lambda: broker.retained(TOPIC + "card/5/kind"))
     broker.publish(TOPIC + "card/5/1/2/set", "ON")
@@ -74,28 +69,29 @@ def test_a_broker_that_refuses_mqtt_5_is_spoken_to_by_3_1_1(
 
 def test_a_retained_command_is_refused_at_the_connect_by_3_1_1(board, broker, started, bus):
     broker.publish(TOPIC + "card/4/0/set", "9", retain=True)
-    watcher = broker.subscribe(TOPIC + "#")
-    bridge = broker.start_bridge(board, "--mqtt=3.1.1", *NO_HOME, node="b")
-    watcher.expect(re.compile(".*error .*'9': it is retained, and would run again.*"))
-    watcher.expect(TOPIC + "status online")
+    errors, status = broker.subscribe(TOPIC + "error"), broker.subscribe(TOPIC + "status")
+    bridge = broker.start_bridge(board, "--mqtt=3.1.1", *PORTS, *NO_HOME, node="b")
+    errors.expect(re.compile(".*error .*'9': it is retained, and would run again.*"))
+    status.expect(TOPIC + "status online")
     broker.publish(TOPIC + "card/4/1/set", "7")
     bus.expect("out 4 motor 00 07 00 00")
     bridge.close()
 
 
-def test_mqtt_5_alone_may_be_asked_for(board, broker, relay):
-    relay(refuse_5(b"\x20\x02\x00\x01"))
-    bridge = broker.start_bridge(board, *NO_TALP, "--mqtt=5", node="five", port=RELAY)
-    bridge.expect(re.compile(f"broker 127.0.0.1:{RELAY}: (Unsupported Protocol|Unknown error).*"))
-    time.sleep(2)  # long enough for two more attempts
+def test_mqtt_5_alone_may_be_asked_for(board, broker, relay_without_5):
+    relay = relay_without_5(REASON)
+    bridge = broker.start_bridge(board, *NO_TALP, "--mqtt=5", node="five", port=relay.port)
+    bridge.expect(re.compile(f"broker 127.0.0.1:{relay.port}: (Unsupp.* Protocol|Unknown error).*"))
+    wait_for("two more attempts", lambda: relay.refused > 2)
     bridge.pull()
     assert not [line for line in bridge.lines if "connected" in line]
     bridge.close()
 
 
 def test_a_broker_that_refuses_is_not_asked_without_a_pause(board, broker):
-    with socket.create_server(("127.0.0.1", RELAY)) as server:
-        bridge = broker.start_bridge(board, *NO_TALP, node="b", port=RELAY)
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        port = server.getsockname()[1]
+        bridge = broker.start_bridge(board, *NO_TALP, node="b", port=port)
         server.settimeout(4)  # pauses of half a second at least, twice as long each time
         attempts = 0
         end = time.monotonic() + 4
@@ -107,14 +103,14 @@ def test_a_broker_that_refuses_is_not_asked_without_a_pause(board, broker):
         bridge.close()
 
 
-def test_a_broker_that_refuses_a_message_is_told_of(board, broker, relay):
+def test_a_broker_that_refuses_a_message_is_told_of(board, broker):
     def refuse(from_client, packet):
         is_answer = not from_client and packet[0] == PUBACK
         return bytes((PUBACK, 3)) + packet[2:4] + b"\x87" if is_answer else packet
 
-    relay(refuse)
-    bridge = broker.start_bridge(board, *NO_TALP, node="b", port=RELAY)
-    bridge.expect(f"broker 127.0.0.1:{RELAY}: the broker refuses a message: Not authorized")
+    port = board.own(Relay(broker.port, refuse)).port
+    bridge = broker.start_bridge(board, *NO_TALP, node="b", port=port)
+    bridge.expect(f"broker 127.0.0.1:{port}: the broker refuses a message: Not authorized")
     bridge.close()
 
 
@@ -165,12 +161,13 @@ def test_nodes_that_differ_in_a_sign_only_do_not_disturb_each_other(board, broke
 
 
 def test_old_messages_to_home_assistant_are_migrated_and_removed(board, broker, started):
-    old = "homeassistant/switch/talp_b/card5_1_2/config", "homeassistant/sensor/talp_b/card1_0/config"
-    others = "homeassistant/switch/other/card5_1_2/config", "homeassistant/switch/talp_b/x/config"
+    config = "homeassistant/{}/config".format
+    old = config("switch/talp_b/card5_1_2"), config("sensor/talp_b/card1_0")
+    others = config("switch/other/card5_1_2"), config("switch/talp_b/x")
     for topic in old + others:
         broker.publish(topic, '{"name": "of an earlier release"}', retain=True)
     watcher = broker.subscribe("homeassistant/#")
-    bridge = broker.start_bridge(board, node="b")
+    bridge = broker.start_bridge(board, *PORTS, node="b")
     for topic in sorted(old):
         watcher.expect(topic + ' {"migrate_discovery": true}')
     device = watcher.expect(re.compile("homeassistant/device/talp_b_5/config {.*}"))
@@ -185,7 +182,7 @@ def test_old_messages_to_home_assistant_are_migrated_and_removed(board, broker, 
 
 
 def test_an_output_that_nobody_knows_any_more_is_unknown_to_home_assistant(board, broker, started):
-    bridge = broker.start_bridge(board, node="b")
+    bridge = broker.start_bridge(board, *PORTS, node="b")
     watcher = broker.subscribe(TOPIC + "#")
     watcher.expect(TOPIC + "status online")
     broker.publish(TOPIC + "card/4/0/set", "9")
@@ -215,10 +212,9 @@ def test_a_signal_ends_it_well_from_its_first_moment_on(board, broker):
         bridge.close()
 
 
-# Names are looked up in the sandbox's own file of hosts.
 @pytest.fixture
 def hosts(board):
-    """Has a name mean these addresses, for programs started afterwards."""
+    """Has a name mean these addresses, for programs of the sandbox started afterwards."""
     needs_namespaces("an /etc/hosts of its own")
     file = board.work / "hosts"
 
@@ -230,13 +226,17 @@ def hosts(board):
     subprocess.run(("umount", "/etc/hosts"), check=False)
 
 
-def certificate(board, name):
+def run(*command):
+    subprocess.run(command, check=True, timeout=20, capture_output=True)
+
+
+def certificate(board, name, kind="DNS"):
+    """One that signs itself."""
     path = board.work / name
     path.mkdir()
-    subject = ("-subj", f"/CN={name}", "-addext", f"subjectAltName=DNS:{name}")
+    subject = ("-subj", f"/CN={name}", "-addext", f"subjectAltName={kind}:{name}")
     files = ("-keyout", f"{path}/key", "-out", f"{path}/cert")
-    command = ("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2")
-    subprocess.run((*command, *subject, *files), check=True, timeout=20, capture_output=True)
+    run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", *subject, *files)
     return path
 
 
@@ -281,7 +281,7 @@ def test_with_tls_the_certificate_is_compared_with_the_name(board, make_broker, 
     own, other = certificate(board, "house.test"), certificate(board, "other.test")
     hosts("house.test", "::1", "127.0.0.1")
     tls = {"ca_certs": f"{own}/cert"}
-    options = [f"{option} {own}/{name}" for option, name in (("certfile", "cert"), ("keyfile", "key"))]
+    options = f"certfile {own}/cert", f"keyfile {own}/key"
     broker = make_broker(board, *options, port=PORT, tls=tls)
     ca = f"--tls-ca={own}/cert"
     bridge = broker.start_bridge(board, *NO_TALP, ca, node="b", host="house.test")
@@ -293,6 +293,59 @@ def test_with_tls_the_certificate_is_compared_with_the_name(board, make_broker, 
         refused = bridge.expect(re.compile(f"broker {host}:{PORT}: .*"))
         assert "connected" not in refused
         bridge.close()
+
+
+@pytest.fixture(scope="module")
+def secured(board, make_broker):
+    """A broker that wants certificates and passwords, and the options of a service for it."""
+    path = certificate(board, "127.0.0.1", "IP")
+    (path / "users").write_text("board:secret word\nperson:other\n")
+    run("mosquitto_passwd", "-U", path / "users")
+    cert, key = f"{path}/cert", f"{path}/key"
+    broker = make_broker(
+        board,
+        *(f"password_file {path}/users", f"cafile {cert}", f"certfile {cert}", f"keyfile {key}"),
+        "require_certificate true",
+        port=PORT + 1,
+        auth={"username": "person", "password": "other"},
+        tls={"ca_certs": cert, "certfile": cert, "keyfile": key},
+    )
+
+    def options(password):
+        (path / "password").write_text(password + "\n")
+        (path / "conf").write_text(
+            f"# For a service.\ntls-ca = {cert}\ntls-cert = {cert}\ntls-key = {key}\n"
+            f'username = board\npassword-file = {path}/password\nhome-assistant = ""\n'
+        )
+        return "--config", str(path / "conf"), "--cae-port=0"
+
+    return broker, options
+
+
+def test_a_wrong_password_is_told(board, secured):
+    broker, options = secured
+    intruder = broker.start_bridge(board, *options("guessed"), "--io-port=1", node="a")
+    intruder.expect(f"broker 127.0.0.1:{broker.port}: Not authorized")
+    intruder.close()
+
+
+def test_each_board_has_its_own_topics(board, secured):
+    broker, options = secured
+    watcher = broker.subscribe("talp/#")
+    talps = {name: board.own(FakeTalp(port, GREETING)) for port, name in enumerate("abc", 6002)}
+    for name, talp in talps.items():
+        port = talp.server.getsockname()[1]
+        broker.start_bridge(board, *options("secret word"), f"--io-port={port}", node=name)
+        talp.accept()
+        talp.greet()
+        watcher.expect(f"talp/{name}/status online")
+    for value, (name, talp) in enumerate(talps.items(), 1):
+        talp.say(f"a3b0d{value:02X}")
+        watcher.expect(f"talp/{name}/card/3/0 {value}")
+        broker.publish(f"talp/{name}/io/set", f"a5b1d{value:02X}")
+        assert talp.hear() == f"a5b1d{value:02X}\r\n"
+        watcher.expect(f"talp/{name}/card/5/1 {value}")
+    assert broker.discovered() == {}  # they were switched off
 
 
 def test_a_name_that_is_being_looked_up_does_not_delay_the_end(board, broker):

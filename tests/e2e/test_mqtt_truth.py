@@ -165,7 +165,7 @@ class House:
         wait_for("the truth", true, instead=lambda: last[-1])
 
     def settle(self):
-        """Commands may wait for two seconds. One that is refused behind them tells that they are done."""
+        """Commands may wait for two seconds. One that is refused behind them comes last."""
         self.marks += 1
         mark = f"mark {self.marks}"
 
@@ -181,7 +181,8 @@ class House:
         """None has changed but those that were named."""
         for place, value in self.outputs.items():
             for bit in range(8):
-                wanted = {text >> bit & 1 for mask, text in self.named.get(place, ()) if mask >> bit & 1}
+                named = [text for mask, text in self.named.get(place, ()) if mask >> bit & 1]
+                wanted = {text >> bit & 1 for text in named}
                 first = 0xFF if place[0] == "5" else 0x80
                 wanted.add(before.get(place, first) >> bit & 1)
                 assert value >> bit & 1 in wanted, (place, bit, before, self.outputs, self.named)

@@ -31,18 +31,6 @@ echo "$1" >>{record}
 exec /bin/sleep $1
 """
 
-# The fixed paths of a board lead into a directory of its own.
-ENTER_BOARD = """
-touch "$1/dev/null"
-mount --no-mtab --rbind /dev/pts "$1/dev/pts"
-mount --no-mtab --bind /dev/null "$1/dev/null"
-mount --no-mtab --bind "$1/etc/talp" /etc/talp
-mount --no-mtab --bind "$1/run/talp" /run/talp
-mount --no-mtab --rbind "$1/dev" /dev
-shift
-exec "$@"
-"""
-
 CONFIG = """<TALPConfig><Debuglog File='{log}' Loglevel='{level}'/><Speed Percent='{percent}'/>
 <InitPollState Action='{poll}'/><AutoDiscover Action='{discover}'/><Interfaces>
 <I Name='CAE' Port='{cae}' InpSeparator='{cae_in}' OutSeparator='{cae_end}'/>
@@ -116,31 +104,26 @@ class Board:
     Closed at the end of a `with`, it ends everything that was started here.
     """
 
-    def __init__(self, build, daemon=(), name="", port=5001, real_time=False, log_file=None):
+    def __init__(self, build, daemon=(), real_time=False, log_file=None):
         """Takes the programs from the directory `build`, but the daemon from a given command.
 
-        The ports are three from `port` on. A named board has its own /etc/talp, /run/talp and
-        /dev/ttyUSB*, which lie below `root`. Without real_time the daemon's pauses of two and
-        three seconds take a tenth.
+        Without real_time the daemon's pauses of two and three seconds take a hundredth.
         """
         sandbox.require()
         self.build = Path(build).resolve()
         self.daemon = list(daemon) or [str(self.build / "src/talp")]
-        self.ports = {interface: port + i for i, interface in enumerate(NAMES)}
-        self.name = name
+        self.ports = {name: port for port, name in enumerate(NAMES, 5001)}
         self.daemons = []
         self.owned = []
         self.closing = contextlib.ExitStack()
-        self.work = Path(f"/run/talp-board{name}")  # what the daemon's user, any, needs of tests
+        self.work = Path("/run/talp-board")  # what the daemon's user, any, needs of tests
         self.work.mkdir()
         self.closing.callback(shutil.rmtree, self.work)
-        self.root = str(self.work) if name else ""
-        for directory in "/etc/talp", "/run/talp", "/dev/pts":
-            os.makedirs(self.root + directory, exist_ok=True)
-        self.config_file = Path(self.root + "/etc/talp/talpconf.xml")
-        self.pid_file = Path(self.root + "/run/talp/talp.pid")
-        self.config_file.unlink(missing_ok=True)
-        self.pid_file.unlink(missing_ok=True)
+        self.config_file = Path("/etc/talp/talpconf.xml")
+        self.pid_file = Path("/run/talp/talp.pid")
+        for file in self.config_file, self.pid_file:
+            file.parent.mkdir(exist_ok=True)
+            file.unlink(missing_ok=True)
         self.stdout, self.stderr = self.work / "stdout", self.work / "stderr"
         self.log_file = log_file or str(self.work / "talp.log")
         self.log = self.own(Log(self.log_file))
@@ -149,7 +132,7 @@ class Board:
         self.pause_file.chmod(0o666)
         self.path = self.work / "bin"
         self.path.mkdir()
-        shortened = "" if real_time else "0."
+        shortened = "" if real_time else "0.0"
         self.replace_sleep(SLEEP.format(record=self.pause_file, shortened=shortened))
         self.preload = ""
         library = Path(self.daemon[-1]).parents[1] / "tests/kit/libsurroundings.so"
@@ -189,16 +172,9 @@ class Board:
         self.separators = {"CAE": (plain("cae_in"), plain("cae_end"))}
         self.separators |= dict.fromkeys(("IO", "MON"), (plain("io_in"), plain("io_end")))
 
-    def add_board(self, name, port):
-        """Another daemon to come in the same sandbox."""
-        return self.own(Board(self.build, self.daemon, name, port))
-
-    def boards(self):
-        return [self] + [thing for thing in self.owned if isinstance(thing, Board)]
-
     def bus(self, *options, link="/dev/ttyUSB0"):
         program = str(self.build / "tools/cardsim/talp-cardsim")
-        return self.own(Bus(program, "--link", self.root + link, *options))
+        return self.own(Bus(program, "--link", link, *options))
 
     def client(self, name, left_over=""):
         """A client that has got its banner, behind what was left over for it."""
@@ -228,22 +204,15 @@ class Board:
     def program(self, name, *command, **options):
         return self.own(Program(name, command, **options))
 
-    def on_board(self, *command):
-        """The command with this board's paths in place of the fixed ones."""
-        if not self.name:
-            return list(command)
-        return ["unshare", "--mount", "sh", "-euc", ENTER_BOARD, "board", self.root, *command]
-
     def launch(self, **environment):
         """Runs the daemon's program until its foreground process ends well."""
         changed = {"PATH": f"{self.path}:{os.environ['PATH']}"}
         if self.preload:
             changed |= {"LD_PRELOAD": self.preload, "ASAN_OPTIONS": "verify_asan_link_order=0"}
         environment = os.environ | changed | environment
-        command = self.on_board(*self.daemon)
         with open(self.stdout, "ab") as output, open(self.stderr, "ab") as errors:
             process = subprocess.Popen(
-                command, stdin=subprocess.DEVNULL, stdout=output, stderr=errors, env=environment
+                self.daemon, stdin=subprocess.DEVNULL, stdout=output, stderr=errors, env=environment
             )
         process.returncode = wait_for_exit(process.pid)
         check_equal(process.returncode, 0, "exit status of the foreground process")
@@ -292,22 +261,20 @@ class Board:
 
     def finish(self):
         """Ends the daemons well, and finds no reply lost but those that were expected."""
-        for board in self.boards():
-            check(not board.log.has(LATE), f"a reply came too late:{board.log.instead()}")
-            while board.daemons:
-                board.stop(board.daemons[0])
-            check_equal(read_file(board.stderr), "", "standard error of the daemon")
+        check(not self.log.has(LATE), f"a reply came too late:{self.log.instead()}")
+        while self.daemons:
+            self.stop(self.daemons[0])
+        check_equal(read_file(self.stderr), "", "standard error of the daemon")
 
     def report(self):
         """What was seen last, as pairs of title and text."""
-        for board in self.boards():
-            yield f"log {board.name}", read_file(board.log_file)[-8000:]
-            yield f"standard error of the daemon {board.name}", read_file(board.stderr)[-8000:]
-            for source in board.owned:
-                if isinstance(source, Source) and source is not board.log:
-                    with contextlib.suppress(OSError, TypeError):  # if it is closed
-                        source.pull()
-                    yield source.name, "\n".join(source.recent)
+        yield "log", read_file(self.log_file)[-8000:]
+        yield "standard error of the daemon", read_file(self.stderr)[-8000:]
+        for source in self.owned:
+            if isinstance(source, Source) and source is not self.log:
+                with contextlib.suppress(OSError, TypeError):  # if it is closed
+                    source.pull()
+                yield source.name, "\n".join(source.recent)
 
     def pauses(self, seconds):
         """How many pauses of this length the daemon has begun."""

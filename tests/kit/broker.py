@@ -55,8 +55,7 @@ class Watcher(LineSource):
         return text
 
     def close(self):
-        self.client.disconnect()
-        self.client.loop_stop()
+        self.client.disconnect()  # which ends its thread, at once or within a second
 
 
 class Broker:
@@ -119,7 +118,7 @@ class Broker:
         """From a board. Its log is what it prints."""
         program = str(board.build / "tools/mqtt/talp-mqtt")
         of_broker = ("--broker", host, "--port", str(port or self.port))
-        command = board.on_board(program, *of_broker, "--node", node, *options)
+        command = (program, *of_broker, "--node", node, *options)
         # The library has no order for its mutexes, which one thread takes.
         environment = os.environ | {"TSAN_OPTIONS": "detect_deadlocks=0"}
         options = {"stderr": subprocess.STDOUT, "env": environment}

@@ -34,8 +34,12 @@ def switch_polling(cae, on):
 def wait_for_cards(board):
     """Until a daemon that may poll has found its cards, seen on a console that is closed again."""
     cae = board.client("CAE")
-    listed = False
-    while not listed:
-        cae.send("DISCOVER\r\n")
-        listed = "DIGITAL INPUT" in cae.expect_after(">\r\n\r")
+    wait_for_list(cae, "DIGITAL INPUT")
     cae.close()
+
+
+def wait_for_list(cae, text):
+    """Until the list of the cards contains the text."""
+    cae.send("DISCOVER\r\n")
+    while text not in cae.expect_after(">\r\n\r"):
+        cae.send("DISCOVER\r\n")

@@ -70,3 +70,10 @@ class Bus(Program):
         self.lines.remove("sync")
         wrong = [line for line in self.lines if line.startswith("error: ")]
         check(not wrong, f"{self.name}: {commands} gave {wrong}")
+
+    def close(self):
+        """It waits for a second until somebody has read what it says last."""
+        if self.process.poll() is None:
+            self.process.terminate()
+            wait_for("the end of the bus", lambda: self.pull() or self.ended, self.descriptor)
+        super().close()

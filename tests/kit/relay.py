@@ -19,16 +19,17 @@ def read_packet(connection):
 
 
 class Relay:
-    """Carries MQTT packets between the clients of a port and the broker at another one.
+    """Carries MQTT packets between the clients of a port of its own and the broker at another one.
 
     `edit` takes whether a packet comes from the client, and the packet, and returns what goes on:
     the packet or nothing; or raises EOFError(answer) to send that and end the connection.
     """
 
-    def __init__(self, port, broker_port, edit):
+    def __init__(self, broker_port, edit):
         self.edit = edit
         self.broker_port = broker_port
-        self.server = socket.create_server(("127.0.0.1", port))
+        self.server = socket.create_server(("127.0.0.1", 0))
+        self.port = self.server.getsockname()[1]
         threading.Thread(target=self.serve, daemon=True).start()
 
     def close(self):
