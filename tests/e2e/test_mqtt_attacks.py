@@ -195,6 +195,18 @@ def ask_for_inputs(console, kinds=tuple(LISTED), polled="ENABLED", blocks=("F=0"
     assert console.hear() == ""  # the place belongs to people
 
 
+def test_lines_that_come_while_topics_are_read_back_do_not_stop_those_behind(
+    broker, talp, fake_bridge
+):
+    io, _ = talp
+    watcher = broker.subscribe("talp/fake/#")
+    fake_bridge.expect(f"broker 127.0.0.1:{broker.port}: connected")
+    io.say(*2000 * ["a8b0d01"])
+    watcher.expect("talp/fake/status online")
+    io.say("a8b0d02")
+    watcher.expect("talp/fake/card/8/0 2")
+
+
 def test_all_inputs_of_a_full_bus_are_asked_for_in_one_visit(talp, fake_bridge):
     _, console = talp
     kinds = [f"DTI:0x{address:X}:6 channel ANALOGUE INPUT" for address in range(16)]

@@ -94,9 +94,10 @@ int BROKER::Pause() const { return IsBusy() ? 20 : phase_ == PHASE::kReading ? 5
 void BROKER::Publish(const std::string& topic, const std::string& payload, bool retain) {
   if (!client_ || phase_ == PHASE::kConnecting) return;
   if (!retain && unacknowledged_.size() >= kMostWaiting) return;
-  // While topics are read back, those that are none of the node's are removed. There may be very
-  // many, and what is not acknowledged is not kept.
-  const int qos = phase_ == PHASE::kServing ? kQos : 0;
+  // While topics are read back, those that are none of the node's are removed, in a callback of the
+  // library. There may be very many, and what is not acknowledged is not kept. Outside a callback the
+  // library would send a message of QoS 0, and say so, before its id is known here.
+  const int qos = retain && phase_ != PHASE::kServing ? 0 : kQos;
   int id = 0;
   const int size = static_cast<int>(payload.size());
   const int status =

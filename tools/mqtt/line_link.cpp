@@ -115,13 +115,13 @@ void LINE_LINK::Open(const ADDRESS& address) {
   address_ = address.text;
   constexpr int kType = SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC;
   socket_ = FILE_DESCRIPTOR(socket(address.bytes.ss_family, kType, 0));
+  if (!socket_.IsOpen()) return Lose(std::generic_category().message(errno));
   for (const auto& [level, name, value] : kSocketOptions) {
     setsockopt(socket_.Number(), level, name, &value, sizeof value);
   }
   // What comes of it the first read finds.
   const void* const bytes = &address.bytes;
   connect(socket_.Number(), static_cast<const sockaddr*>(bytes), address.size);
-  if (!socket_.IsOpen()) Lose(std::generic_category().message(errno));
 }
 
 void LINE_LINK::Lose(const std::string& trouble) {

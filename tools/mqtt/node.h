@@ -98,7 +98,6 @@ class NODE {
   void ShowLine(const std::string& line);
   void ShowBlock(int address, int block, unsigned char value, bool isAgain);
   void UpdateStatus();
-  void Discover();
   void DoubtInputs(int address);
   void DoubtOutputs(int address);
 
