@@ -104,7 +104,7 @@ std::string CardMessage(const NAMES& names, int address, const CARD_KIND& kind) 
       const std::string key = Digit(block) + (bit < 0 ? "" : "_" + Digit(bit));
       components[key] = BlockEntity(names, address, kind, device, block, bit);
     }
-    if (blocks == 0) components["text"] = LcdEntity(names, address);
+    if (kind.code == kKindLcd) components["text"] = LcdEntity(names, address);
     const json about = {{"identifiers", {names.id + "_card" + Digit(address)}},
                         {"name", names.node + " card " + Digit(address)},
                         {"model", device.model},
