@@ -75,7 +75,9 @@ void BRIDGE::RunIo() {
 
 void BRIDGE::RunConsole() {
   const bool wasVisiting = console_.Works();
-  for (const std::string& line : console_.Run(WantsConsole())) TakeConsoleLine(line);
+  for (const std::string& line : console_.Run(WantsConsole())) {
+    console_.Works() ? GoOnVisiting(line) : BeginVisit(line);
+  }
   if (wasVisiting && !console_.Works() && visit_.State() != CONSOLE_VISIT::STATE::kDone) {
     AskConsole();
   }
@@ -86,25 +88,24 @@ void BRIDGE::RunConsole() {
   }
 }
 
-void BRIDGE::TakeConsoleLine(const std::string& line) {
-  std::string next;
-  if (!console_.Works()) {
-    if (!IsGreeting(line, "CAE")) return;
-    console_.Succeeded("connected");
-    OnConsole();
-    visit_ = {};
-    next = CONSOLE_VISIT::FirstCommand();
-  } else {
-    const CONSOLE_VISIT::STATE before = visit_.State();
-    next = visit_.Take(line);
-    if (before == visit_.State()) {
-    } else if (visit_.State() == CONSOLE_VISIT::STATE::kPolls && !OnKinds(visit_.Kinds())) {
-      return console_.Close("talp has not found any card");
-    } else if (visit_.State() == CONSOLE_VISIT::STATE::kInputs) {
-      OnInputsAsked(visit_.Polled());
-    }
-    if (visit_.State() == CONSOLE_VISIT::STATE::kDone) return console_.Leave();
+void BRIDGE::BeginVisit(const std::string& line) {
+  if (!IsGreeting(line, "CAE")) return;
+  console_.Succeeded("connected");
+  OnVisit();
+  visit_ = {};
+  console_.Send({CONSOLE_VISIT::FirstCommand()});
+}
+
+void BRIDGE::GoOnVisiting(const std::string& line) {
+  const CONSOLE_VISIT::STATE before = visit_.State();
+  const std::string next = visit_.Take(line);
+  const CONSOLE_VISIT::STATE now = visit_.State();
+  const bool isPhase = now != before;
+  if (isPhase && now == CONSOLE_VISIT::STATE::kPolls && !OnKinds(visit_.Kinds())) {
+    return console_.Close("talp has not found any card");
   }
+  if (isPhase && now == CONSOLE_VISIT::STATE::kInputs) OnInputsAsked(visit_.Polled());
+  if (now == CONSOLE_VISIT::STATE::kDone) return console_.Leave();
   if (next.empty()) return;
   console_.Answered();
   console_.Send({next});

@@ -43,7 +43,8 @@ class BRIDGE : private NODE, private BROKER::USER {
   bool IsBehind() const;
   void RunIo();
   void RunConsole();
-  void TakeConsoleLine(const std::string& line);
+  void BeginVisit(const std::string& line);
+  void GoOnVisiting(const std::string& line);
   bool Wait(int signals);
 
   BROKER broker_;

@@ -95,8 +95,8 @@ void BROKER::Publish(const std::string& topic, const std::string& payload, bool 
   if (!client_ || phase_ == PHASE::kConnecting) return;
   if (!retain && unacknowledged_.size() >= kMostWaiting) return;
   // While topics are read back, those that are none of the node's are removed, in a callback of the
-  // library. There may be very many, and what is not acknowledged is not kept. Outside a callback the
-  // library would send a message of QoS 0, and say so, before its id is known here.
+  // library. There may be very many, and what is not acknowledged is not kept. Outside a callback
+  // the library would send a message of QoS 0, and say so, before its id is known here.
   const int qos = retain && phase_ != PHASE::kServing ? 0 : kQos;
   int id = 0;
   const int size = static_cast<int>(payload.size());

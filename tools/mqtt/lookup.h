@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 
+#include <chrono>
 #include <future>
 #include <optional>
 #include <string>

@@ -1,5 +1,6 @@
 #include "mqtt/names.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace mqtt {

@@ -66,10 +66,10 @@ class NODE {
   // A command waits for the IO port.
   bool IsWaiting() const { return !waiting_.empty(); }
 
-  // Whether the console is to be asked.
+  // Whether the console is to be asked. It is to be after AskConsole(), until a visit begins.
   bool WantsConsole() const { return asks_ && greeted_ && bus_ != BUS::kOffline; }
   void AskConsole() { asks_ = hasConsole_; }
-  void OnConsole() { asks_ = false; }
+  void OnVisit() { asks_ = false; }
 
  private:
   struct COMMAND {
