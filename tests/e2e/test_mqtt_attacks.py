@@ -230,6 +230,24 @@ def test_inputs_that_may_never_have_been_read_are_not_told(broker, talp, fake_br
     assert "talp/fake/card/F/0" not in broker.retained("talp/fake/card/#")
 
 
+@pytest.fixture
+def remembered(broker):
+    for name, payload in (("kind", KINDS[15]), ("0", "5"), ("1", "6")):
+        broker.publish(f"talp/fake/card/F/{name}", payload, retain=True)
+
+
+def test_a_retained_input_that_talp_does_not_confirm_loses_its_topic(
+    broker, talp, remembered, fake_bridge
+):
+    io, console = talp
+    watcher = broker.subscribe("talp/fake/#")
+    ask_for_inputs(console)
+    watcher.expect("talp/fake/status online")
+    io.say("aFb1d06")
+    watcher.expect("talp/fake/card/F/0 (null)")
+    assert broker.retained("talp/fake/card/F/+")["talp/fake/card/F/1"] == "6"
+
+
 def test_cards_that_talp_has_not_found_yet_are_no_reason_to_forget_them(broker, talp, fake_bridge):
     io, console = talp
     watcher = broker.subscribe("talp/fake/#")
