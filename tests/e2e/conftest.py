@@ -65,6 +65,14 @@ def board(request):
             made.finish()
 
 
+@pytest.fixture
+def log(board):
+    """The daemon's log, without what it has held before the case."""
+    board.log.pull()
+    board.log.lines.clear()
+    return board.log
+
+
 @pytest.fixture(scope="module")
 def card_bus(request, board):
     return board.bus(*VERSION, "--frames", *getattr(request.module, "CARDS", ALL_CARDS))

@@ -38,13 +38,6 @@ def look(board):
     return found
 
 
-@pytest.fixture
-def log(board):
-    board.log.pull()
-    board.log.lines.clear()
-    return board.log
-
-
 def runs(pid):
     return f"{PID_FILE}: ok: talp runs as process {pid}"
 

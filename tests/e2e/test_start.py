@@ -11,13 +11,6 @@ from kit.expecting import read_file
 from kit.sandbox import needs_namespaces
 
 
-@pytest.fixture
-def log(board):
-    board.log.pull()
-    board.log.lines.clear()
-    return board.log
-
-
 def test_without_the_directory_of_the_pid_file_it_ends_with_1(board):
     board.pid_file.parent.rmdir()
     try:

@@ -121,13 +121,11 @@ FAILURES = (
 
 
 @pytest.mark.parametrize("call, lines", FAILURES, ids=[call.split()[0] for call, _ in FAILURES])
-def test_a_refused_call_of_the_start_is_logged_and_it_goes_on(board, bus, calls, call, lines):
-    board.log.pull()
-    board.log.lines.clear()
+def test_a_refused_call_of_the_start_is_logged_and_it_goes_on(board, bus, calls, log, call, lines):
     board.write_config()
     pid = board.launch_daemon(TALP_FAIL=call)
-    board.log.expect(*lines)
-    board.log.expect("[INF] IO interface is waiting for incoming connection")
+    log.expect(*lines)
+    log.expect("[INF] IO interface is waiting for incoming connection")
     board.stop(pid)
     board.log.lines.clear()
 
