@@ -40,10 +40,10 @@ def test_the_last_line_of_a_read_needs_no_separator(io, bus):
 
 
 def test_display_commands_become_frames(io, bus):
-    io.send("aElCL|;aElPAp0301tTail of the cat|;")
+    io.send("aElCL|;aElPAp0301tTail of\x7fthe cat|;")
     bus.expect_next("rx 04 10 0E 01 00", "lcd E clear", "tx 02 41 0E")
-    bus.expect_next("rx 16 10 0E 13 09 03 01 54 61 69 6C 20 6F 66 20 74 68 65 20 63 61 74 00")
-    bus.expect("lcd E row 1 |   Tail of the cat  |")
+    bus.expect_next("rx 16 10 0E 13 09 03 01 54 61 69 6C 20 6F 66 7F 74 68 65 20 63 61 74 00")
+    bus.expect("lcd E row 1 |   Tail of.the cat  |")
     bus.expect("tx 02 41 0E")
 
 
