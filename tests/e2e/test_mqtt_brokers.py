@@ -148,7 +148,7 @@ def test_the_access_list_of_the_manual_is_enough_and_keeps_a_board_to_its_node(
     other.stop()
 
 
-def test_nodes_that_differ_in_a_sign_only_do_not_disturb_each_other(board, broker):
+def test_nodes_that_differ_in_a_sign_only_have_client_ids_of_their_own(board, broker):
     names = "b-1", "b_1", "b.1"
     bridges = [broker.start_bridge(board, *NO_TALP, node=name) for name in names]
     for name, bridge in zip(names, bridges):

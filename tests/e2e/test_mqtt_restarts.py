@@ -229,14 +229,18 @@ def test_a_log_that_is_rotated_or_comes_later_is_still_watched(board, bus, start
         board.log.expect(LOST[0], *hardware_found())
 
 
-@pytest.mark.parametrize("options", (PORTS, ("--talp=::2",)))
-def test_where_the_log_tells_nothing_the_status_is_that_of_the_io_port(
-    board, broker, started, options
-):
-    bridge = broker.start_bridge(board, *options, node="other")
-    bridge.expect(re.compile("bus: not watched, so the status is that of the IO port: .*"))
-    if "--talp=::2" not in options:
-        watcher = broker.subscribe("talp/other/#")
-        watcher.expect("talp/other/status online")
-        assert broker.retained("talp/other/bus") == {}
+NOT_WATCHED = "bus: not watched, so the status is that of the IO port: "
+
+
+def test_without_the_log_the_status_is_that_of_the_io_port(board, broker, started):
+    bridge = broker.start_bridge(board, *PORTS, node="other")
+    bridge.expect(NOT_WATCHED + "both ports are given, so its log is not known")
+    broker.subscribe("talp/other/#").expect("talp/other/status online")
+    assert broker.retained("talp/other/bus") == {}
+    bridge.close()
+
+
+def test_the_log_of_a_talp_elsewhere_is_not_watched(board, broker, started):
+    bridge = broker.start_bridge(board, "--talp=::2", node="other")
+    bridge.expect(NOT_WATCHED + "talp runs on another machine")
     bridge.close()
