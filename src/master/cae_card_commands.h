@@ -27,8 +27,8 @@ struct PAYLOAD_BYTE {
 enum class CARD_ACCESS : unsigned char { kWrite = 0x01, kRead = 0x40 };
 
 // A console command that sends one request to one card. The payload starts with the direct
-// command, the address and `access`. Placeholders of the
-// success lines, each at most once in a line:
+// command, the address and `access`. Placeholders of the success lines, each at most once in one of
+// them:
 //   {typed}    the address as typed       {address} the address in hexadecimal
 //   {state}    the state as shown         {value}   the value after '=', two hexadecimal digits
 //   {set}      two places before ':'      {channel} the character before ':', as typed

@@ -216,7 +216,8 @@ constexpr COMMAND kCommands[] = {
         {"CIA: Card is REBOOTED", "RBT:0x{address}:OK"}, "CIE: BUS WRITE ERROR"}},
     {"SETANMASK:", kWithArguments, CARD_COMMAND{
         kKindAnalogueInput, kAnalogOnly, kWrite, {Literal(0x01), kValue},
-        {"CIA: Channel MASK of the card is SET", "AMS:0x{address}:0x{value}"}, "CIE: MASK WRITE ERROR"}},
+        {"CIA: Channel MASK of the card is SET", "AMS:0x{address}:0x{value}"},
+        "CIE: MASK WRITE ERROR"}},
     {"GETANMASK:", kWithArguments, CARD_COMMAND{
         kKindAnalogueInput, kAnalogOnly, kRead, {Literal(0x01)},
         {"CIA: MASK is GOT from card", "AMV:0x{address}:0x{answer}"}, "CIE: MASK READ ERROR"}},
@@ -240,10 +241,12 @@ constexpr COMMAND kCommands[] = {
         "CIE: PARAM READ ERROR"}},
     {"SETMSR", kWithArguments, CARD_COMMAND{
         kKindMotor, kMotorOnly, kWrite, {Channel(0xC0), kValue},
-        {"CIA: MSR value of the card is SET", "MPS:0x{address}:MSR{channel}:0x{value}"}, "CIE: PARAM WRITE ERROR"}},
+        {"CIA: MSR value of the card is SET", "MPS:0x{address}:MSR{channel}:0x{value}"},
+        "CIE: PARAM WRITE ERROR"}},
     {"GETMSR", kWithArguments, CARD_COMMAND{
         kKindMotor, kMotorOnly, kRead, {Channel(0x01)},
-        {"CIA: MSR value is GOT from card", "MSR{number}:0x{address}:0x{answer}"}, "CIE: PARAM READ ERROR"}},
+        {"CIA: MSR value is GOT from card", "MSR{number}:0x{address}:0x{answer}"},
+        "CIE: PARAM READ ERROR"}},
     {"STOREMSRS", kWithArguments, CARD_COMMAND{
         kKindMotor, kMotorOnly, kWrite, {Literal(0xCD)},
         {"CIA: MSR values are STORED at address {typed}"}, "CIE: MSR STORING ERROR"}},
